@@ -1,0 +1,5 @@
+// One function per section of the tour, in the order main() calls them.
+#pragma once
+
+void tourSystemLayer();
+void tourObjects();

@@ -1,0 +1,13 @@
+// Symbol export for the zoutils shared library. The library is built with hidden
+// visibility; only declarations marked ZO_API are part of its ABI.
+#pragma once
+
+#if defined(__GNUC__)
+#define ZO_API __attribute__((visibility("default")))
+// printf-style checking: fmt is the index of the format argument, first that of the
+// first variadic argument (0 for va_list entry points). Member functions count `this` as 1.
+#define ZO_PRINTF(fmt, first) __attribute__((format(printf, fmt, first)))
+#else
+#define ZO_API
+#define ZO_PRINTF(fmt, first)
+#endif

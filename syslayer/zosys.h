@@ -1,0 +1,158 @@
+/*
+ * zosys.h - the system layer under zoutils (libzosys.so.1).
+ *
+ * The library never talks to the operating system for tasks, locks, events, raw
+ * memory, files, configuration or the clock: it calls these 34 plain C functions,
+ * all prefixed ZoIF_. This header states their contract once; syslayer/ holds the
+ * one implementation, for POSIX (Linux, LP64).
+ *
+ * Conventions that hold for every function below
+ *  - Plain C linkage, no exceptions. Every function may be called from any thread
+ *    at any time, concurrently.
+ *  - Handles (mutex, critical section, event, cooperative event, file) are one
+ *    32-bit word that callers store and hand back unchanged. For files, -1 means
+ *    "no file". Other handles are never 0xFFFFFFFF.
+ *  - Statuses of set/reset/wait/enter/exit/close/flush/write: 0 for success,
+ *    nonzero for failure (an errno value where one exists).
+ *  - Time is in seconds, as a double, everywhere: the timeouts of the timed waits
+ *    (a negative timeout polls: it never blocks) and ZoIF_ZeroBasedTime.
+ *
+ * Tasks
+ *  - Every thread is one task and one cooperative task.
+ *  - ZoIF_CurrentTaskId is the kernel thread id (gettid), never -1.
+ *  - ZoIF_CurrentTaskIdCoop is a per-thread serial number from 1, handed out on a
+ *    thread's first call, never reused within the process and never -1.
+ *  - Both are callable before any lock exists and never allocate.
+ *
+ * Cooperative thread-local storage
+ *  - ZoIF_AllocateTLSCoop hands out slot indices from a fixed table; a slot never
+ *    set in a thread, or an invalid slot, reads 0. Get/Set never call operator new
+ *    or malloc and work before any lock exists (the process allocator uses them
+ *    while it is being built).
+ *
+ * Locks and events
+ *  - Mutexes and critical sections are recursive: the owning thread may enter
+ *    again and must exit as many times.
+ *  - Events are plain or cooperative (the same implementation: every thread is a
+ *    cooperative task), manual or auto reset, initially signalled or not. An
+ *    auto-reset event lets exactly one waiter through per set and is left
+ *    unsignalled by the wait that consumed it.
+ *  - The timed waits return 1 when the event was signalled, 0 on time-out.
+ *
+ * Memory
+ *  - ZoIF_MemInit reserves one large contiguous address range once (later calls do
+ *    nothing). ZoIF_MemAllocMin commits the next adjacent piece of it, rounded up to
+ *    the layer's granule, reports the exact size through its argument and returns
+ *    null when the range or the configured limit is used up. Neither calls
+ *    operator new or malloc, and neither calls back into the library.
+ *  - The limit, in bytes, comes from the environment variable ZOSYS_MEM_LIMIT
+ *    (decimal or 0x hex), read by ZoIF_MemInit; unset means the whole range.
+ *  - Memory is never given back; there is no free function.
+ *
+ * Files
+ *  - ZoIF_Open flags: 2 opens for writing and truncates (creating the file),
+ *    4 opens for appending (creating it). Mode argument 1 means "create with mode
+ *    0640". Descriptors close on exec. Writes loop over partial writes.
+ *
+ * Configuration
+ *  - A key maps to an environment variable by upper-casing and replacing dots with
+ *    underscores ("ZoUtils.Log.Level" -> ZOUTILS_LOG_LEVEL). Files hold
+ *    "Key = value" lines with '#' comments, read in layers: the system file
+ *    zoutils.conf under $XDG_CONFIG_DIRS (default /etc/xdg), the user file under
+ *    $XDG_CONFIG_HOME (default ~/.config), then the file named by ZOSYS_CONFIG.
+ *    The environment wins over every file, and a later file over an earlier one.
+ *  - Numbers accept decimal and 0x hex, with an optional sign. A malformed value
+ *    (not a number where a number is asked, too long for the caller's buffer) is
+ *    reported once on standard error with its source (variable name, or
+ *    file:line) and treated as absent. ZOSYS_CONFIG_DEBUG=1 prints, for each key
+ *    read, where its value came from.
+ *  - Both readers return 0 when the key was found and the value written, nonzero
+ *    otherwise.
+ *
+ * Clock
+ *  - ZoIF_ZeroBasedTime is seconds since the layer was loaded, from a monotonic
+ *    clock.
+ */
+#ifndef ZOSYS_H
+#define ZOSYS_H
+
+#if defined(__GNUC__)
+#define ZOSYS_API __attribute__((visibility("default")))
+#else
+#define ZOSYS_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* A handle to a layer object: one 32-bit word. */
+typedef unsigned int ZoIF_Handle;
+
+/* Tasks and cooperative thread-local storage */
+ZOSYS_API int ZoIF_CurrentTaskId(void);
+ZOSYS_API int ZoIF_CurrentTaskIdCoop(void);
+ZOSYS_API unsigned int ZoIF_AllocateTLSCoop(void);
+ZOSYS_API unsigned int ZoIF_GetTLSCoop(unsigned int slot);
+ZOSYS_API int ZoIF_SetTLSCoop(unsigned int slot, unsigned int value);
+
+/* Mutexes and critical sections (recursive) */
+ZOSYS_API ZoIF_Handle ZoIF_CreateMutex(void);
+ZOSYS_API int ZoIF_EnterMutex(ZoIF_Handle mutex);
+ZOSYS_API int ZoIF_ExitMutex(ZoIF_Handle mutex);
+ZOSYS_API int ZoIF_DestroyMutex(ZoIF_Handle mutex);
+ZOSYS_API ZoIF_Handle ZoIF_CreateCriticalSection(void);
+ZOSYS_API int ZoIF_EnterCriticalSection(ZoIF_Handle section);
+ZOSYS_API int ZoIF_ExitCriticalSection(ZoIF_Handle section);
+ZOSYS_API int ZoIF_DestroyCriticalSection(ZoIF_Handle section);
+
+/* Events */
+ZOSYS_API ZoIF_Handle ZoIF_CreateEvent(int manualReset, int initiallySignalled);
+ZOSYS_API int ZoIF_SetEvent(ZoIF_Handle event);
+ZOSYS_API int ZoIF_ResetEvent(ZoIF_Handle event);
+ZOSYS_API int ZoIF_WaitEvent(ZoIF_Handle event);
+ZOSYS_API int ZoIF_WaitEventTimed(ZoIF_Handle event, double seconds);
+ZOSYS_API int ZoIF_DestroyEvent(ZoIF_Handle event);
+ZOSYS_API ZoIF_Handle ZoIF_CreateEventCoop(int manualReset, int initiallySignalled);
+ZOSYS_API int ZoIF_SetEventCoop(ZoIF_Handle event);
+ZOSYS_API int ZoIF_ResetEventCoop(ZoIF_Handle event);
+ZOSYS_API int ZoIF_WaitEventCoop(ZoIF_Handle event);
+ZOSYS_API int ZoIF_WaitEventTimedCoop(ZoIF_Handle event, double seconds);
+ZOSYS_API int ZoIF_DestroyEventCoop(ZoIF_Handle event);
+
+/* Raw memory */
+ZOSYS_API int ZoIF_MemInit(int reserved);
+ZOSYS_API void* ZoIF_MemAllocMin(unsigned int* size);
+
+/* Files */
+ZOSYS_API int ZoIF_Open(char const* path, int flags, int mode);
+ZOSYS_API int ZoIF_Write(int file, void const* bytes, unsigned int count);
+ZOSYS_API int ZoIF_Flush(int file);
+ZOSYS_API int ZoIF_Close(int file);
+
+/* Configuration */
+ZOSYS_API int ZoIF_GetConfigNumber(char const* key, int* value);
+ZOSYS_API int ZoIF_GetConfigString(char const* key, char* buffer, unsigned int size);
+
+/* Clock */
+ZOSYS_API double ZoIF_ZeroBasedTime(void);
+
+/*
+ * Test seams. Not part of the layer's contract with the library; tests use them to
+ * reach states that are otherwise hard to provoke.
+ *  - ZoIF_TestSetMemLimit: from now on ZoIF_MemAllocMin fails once the committed
+ *    total would exceed `bytes` (0 removes the limit).
+ *  - ZoIF_TestLeaveMemGap: the next ZoIF_MemAllocMin skips `bytes` of the reserved
+ *    range (rounded up to the granule) first, so that the region it returns does
+ *    not start where the previous one ended.
+ *  - ZoIF_TestMemCommitted: bytes committed so far.
+ */
+ZOSYS_API void ZoIF_TestSetMemLimit(unsigned long long bytes);
+ZOSYS_API void ZoIF_TestLeaveMemGap(unsigned int bytes);
+ZOSYS_API unsigned long long ZoIF_TestMemCommitted(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZOSYS_H */

@@ -1,0 +1,447 @@
+// The system layer over POSIX (Linux, LP64): tasks, cooperative TLS, locks, events,
+// raw memory, files and the clock. Configuration lives in zosys_config.cpp.
+//
+// Nothing in this file calls operator new: the library replaces it, and the
+// memory and TLS functions run while the library's allocator is being built.
+// Objects behind handles come from calloc.
+#include "zosys.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Handle table: handle = index + 1, so a handle is never 0 and never -1.
+// Chunks are allocated once and never freed, so a lookup needs no lock.
+// ---------------------------------------------------------------------------
+constexpr unsigned kChunkBits = 10;
+constexpr unsigned kChunkSize = 1u << kChunkBits;
+constexpr unsigned kMaxChunks = 4096;  // 4M live objects at most
+
+struct HandleTable {
+    std::atomic<void**> chunks[kMaxChunks];
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    unsigned next = 0;       // first never-used index
+    unsigned* freeList = nullptr;  // indices released by Destroy
+    unsigned freeCount = 0, freeCapacity = 0;
+};
+
+HandleTable& table() {
+    static HandleTable t;
+    return t;
+}
+
+ZoIF_Handle registerObject(void* object) {
+    HandleTable& t = table();
+    pthread_mutex_lock(&t.lock);
+    unsigned index;
+    if (t.freeCount) {
+        index = t.freeList[--t.freeCount];
+    } else {
+        index = t.next;
+        if (index >= kMaxChunks * kChunkSize) {
+            pthread_mutex_unlock(&t.lock);
+            return 0;
+        }
+        ++t.next;
+    }
+    unsigned chunk = index >> kChunkBits;
+    void** c = t.chunks[chunk].load(std::memory_order_acquire);
+    if (!c) {
+        c = static_cast<void**>(std::calloc(kChunkSize, sizeof(void*)));
+        if (!c) {
+            pthread_mutex_unlock(&t.lock);
+            return 0;
+        }
+        t.chunks[chunk].store(c, std::memory_order_release);
+    }
+    __atomic_store_n(&c[index & (kChunkSize - 1)], object, __ATOMIC_RELEASE);
+    pthread_mutex_unlock(&t.lock);
+    return index + 1;
+}
+
+void* lookup(ZoIF_Handle h) {
+    if (h == 0) return nullptr;
+    unsigned index = h - 1;
+    if (index >= kMaxChunks * kChunkSize) return nullptr;
+    void** c = table().chunks[index >> kChunkBits].load(std::memory_order_acquire);
+    if (!c) return nullptr;
+    return __atomic_load_n(&c[index & (kChunkSize - 1)], __ATOMIC_ACQUIRE);
+}
+
+// Unregisters and returns the object, or null for an unknown handle.
+void* unregisterObject(ZoIF_Handle h) {
+    void* object = lookup(h);
+    if (!object) return nullptr;
+    HandleTable& t = table();
+    unsigned index = h - 1;
+    pthread_mutex_lock(&t.lock);
+    void** c = t.chunks[index >> kChunkBits].load(std::memory_order_relaxed);
+    __atomic_store_n(&c[index & (kChunkSize - 1)], nullptr, __ATOMIC_RELEASE);
+    if (t.freeCount == t.freeCapacity) {
+        unsigned cap = t.freeCapacity ? t.freeCapacity * 2 : 64;
+        void* grown = std::realloc(t.freeList, cap * sizeof(unsigned));
+        if (grown) {
+            t.freeList = static_cast<unsigned*>(grown);
+            t.freeCapacity = cap;
+        }
+    }
+    if (t.freeCount < t.freeCapacity) t.freeList[t.freeCount++] = index;
+    pthread_mutex_unlock(&t.lock);
+    return object;
+}
+
+// ---------------------------------------------------------------------------
+// Clock: zero is the moment the layer was loaded.
+// ---------------------------------------------------------------------------
+double monotonicNow() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+double gZeroTime = monotonicNow();
+
+// ---------------------------------------------------------------------------
+// Tasks and cooperative TLS. initial-exec TLS: the layer is loaded with the
+// program, so reading these never allocates.
+// ---------------------------------------------------------------------------
+constexpr unsigned kTlsSlots = 256;
+std::atomic<unsigned> gNextTlsSlot{0};
+std::atomic<int> gNextCoopId{0};
+
+__attribute__((tls_model("initial-exec"))) thread_local int tKernelId = 0;
+__attribute__((tls_model("initial-exec"))) thread_local int tCoopId = 0;
+__attribute__((tls_model("initial-exec"))) thread_local unsigned tTls[kTlsSlots];
+
+// ---------------------------------------------------------------------------
+// Locks: recursive pthread mutexes.
+// ---------------------------------------------------------------------------
+ZoIF_Handle createRecursiveMutex() {
+    auto* m = static_cast<pthread_mutex_t*>(std::calloc(1, sizeof(pthread_mutex_t)));
+    if (!m) return 0;
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(m, &attr);
+    pthread_mutexattr_destroy(&attr);
+    ZoIF_Handle h = registerObject(m);
+    if (!h) {
+        pthread_mutex_destroy(m);
+        std::free(m);
+    }
+    return h;
+}
+
+int enterMutex(ZoIF_Handle h) {
+    auto* m = static_cast<pthread_mutex_t*>(lookup(h));
+    return m ? pthread_mutex_lock(m) : EINVAL;
+}
+
+int exitMutex(ZoIF_Handle h) {
+    auto* m = static_cast<pthread_mutex_t*>(lookup(h));
+    return m ? pthread_mutex_unlock(m) : EINVAL;
+}
+
+int destroyMutex(ZoIF_Handle h) {
+    auto* m = static_cast<pthread_mutex_t*>(unregisterObject(h));
+    if (!m) return EINVAL;
+    int rc = pthread_mutex_destroy(m);
+    std::free(m);
+    return rc;
+}
+
+// ---------------------------------------------------------------------------
+// Events: a flag under a mutex with a condition variable on the monotonic clock.
+// ---------------------------------------------------------------------------
+struct Event {
+    pthread_mutex_t lock;
+    pthread_cond_t cond;
+    bool manualReset;
+    bool signalled;
+};
+
+ZoIF_Handle createEvent(int manualReset, int initiallySignalled) {
+    auto* e = static_cast<Event*>(std::calloc(1, sizeof(Event)));
+    if (!e) return 0;
+    pthread_mutex_init(&e->lock, nullptr);
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(&e->cond, &attr);
+    pthread_condattr_destroy(&attr);
+    e->manualReset = manualReset != 0;
+    e->signalled = initiallySignalled != 0;
+    ZoIF_Handle h = registerObject(e);
+    if (!h) {
+        pthread_cond_destroy(&e->cond);
+        pthread_mutex_destroy(&e->lock);
+        std::free(e);
+    }
+    return h;
+}
+
+int setEvent(ZoIF_Handle h) {
+    auto* e = static_cast<Event*>(lookup(h));
+    if (!e) return EINVAL;
+    pthread_mutex_lock(&e->lock);
+    e->signalled = true;
+    // A manual-reset event releases every waiter; an auto-reset one releases one.
+    if (e->manualReset)
+        pthread_cond_broadcast(&e->cond);
+    else
+        pthread_cond_signal(&e->cond);
+    pthread_mutex_unlock(&e->lock);
+    return 0;
+}
+
+int resetEvent(ZoIF_Handle h) {
+    auto* e = static_cast<Event*>(lookup(h));
+    if (!e) return EINVAL;
+    pthread_mutex_lock(&e->lock);
+    e->signalled = false;
+    pthread_mutex_unlock(&e->lock);
+    return 0;
+}
+
+// Waits until signalled or until `deadline` (absolute, monotonic) when given.
+// Returns 1 when the event was taken, 0 on time-out.
+int waitEvent(Event* e, timespec const* deadline) {
+    pthread_mutex_lock(&e->lock);
+    while (!e->signalled) {
+        if (!deadline) {
+            pthread_cond_wait(&e->cond, &e->lock);
+        } else if (pthread_cond_timedwait(&e->cond, &e->lock, deadline) == ETIMEDOUT && !e->signalled) {
+            pthread_mutex_unlock(&e->lock);
+            return 0;
+        }
+    }
+    if (!e->manualReset) e->signalled = false;  // the wait consumes the signal
+    pthread_mutex_unlock(&e->lock);
+    return 1;
+}
+
+int waitEventUntimed(ZoIF_Handle h) {
+    auto* e = static_cast<Event*>(lookup(h));
+    if (!e) return EINVAL;
+    waitEvent(e, nullptr);
+    return 0;
+}
+
+int waitEventTimed(ZoIF_Handle h, double seconds) {
+    auto* e = static_cast<Event*>(lookup(h));
+    if (!e) return 0;
+    timespec deadline;
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    if (seconds > 0) {
+        // Clamp absurd timeouts to about a century rather than overflow time_t.
+        if (seconds > 3.2e9) seconds = 3.2e9;
+        long long whole = static_cast<long long>(seconds);
+        long long nanos = static_cast<long long>((seconds - static_cast<double>(whole)) * 1e9);
+        deadline.tv_sec += whole;
+        deadline.tv_nsec += nanos;
+        if (deadline.tv_nsec >= 1000000000L) {
+            deadline.tv_sec += 1;
+            deadline.tv_nsec -= 1000000000L;
+        }
+    }
+    return waitEvent(e, &deadline);
+}
+
+int destroyEvent(ZoIF_Handle h) {
+    auto* e = static_cast<Event*>(unregisterObject(h));
+    if (!e) return EINVAL;
+    pthread_cond_destroy(&e->cond);
+    pthread_mutex_destroy(&e->lock);
+    std::free(e);
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Raw memory: one reserved range, committed in granules from its low end.
+// ---------------------------------------------------------------------------
+constexpr unsigned long kGranule = 1ul << 20;  // 1 MiB
+struct MemState {
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    bool initialised = false;
+    char* base = nullptr;        // start of the reserved range
+    unsigned long reserved = 0;  // its length
+    unsigned long cursor = 0;    // offset of the next piece
+    unsigned long long committed = 0;
+    unsigned long long limit = 0;  // 0: no limit
+    unsigned long pendingGap = 0;
+};
+MemState gMem;
+
+unsigned long roundUpGranule(unsigned long n) { return (n + kGranule - 1) & ~(kGranule - 1); }
+
+unsigned long long parseLimit(char const* text) {
+    if (!text || !*text) return 0;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long v = std::strtoull(text, &end, 0);
+    if (errno || end == text || *end) return 0;
+    return v;
+}
+
+}  // namespace
+
+extern "C" {
+
+int ZoIF_CurrentTaskId(void) {
+    if (!tKernelId) tKernelId = static_cast<int>(syscall(SYS_gettid));
+    return tKernelId;
+}
+
+int ZoIF_CurrentTaskIdCoop(void) {
+    if (!tCoopId) tCoopId = gNextCoopId.fetch_add(1, std::memory_order_relaxed) + 1;
+    return tCoopId;
+}
+
+unsigned int ZoIF_AllocateTLSCoop(void) { return gNextTlsSlot.fetch_add(1, std::memory_order_relaxed); }
+
+unsigned int ZoIF_GetTLSCoop(unsigned int slot) { return slot < kTlsSlots ? tTls[slot] : 0; }
+
+int ZoIF_SetTLSCoop(unsigned int slot, unsigned int value) {
+    if (slot >= kTlsSlots) return EINVAL;
+    tTls[slot] = value;
+    return 0;
+}
+
+ZoIF_Handle ZoIF_CreateMutex(void) { return createRecursiveMutex(); }
+int ZoIF_EnterMutex(ZoIF_Handle h) { return enterMutex(h); }
+int ZoIF_ExitMutex(ZoIF_Handle h) { return exitMutex(h); }
+int ZoIF_DestroyMutex(ZoIF_Handle h) { return destroyMutex(h); }
+ZoIF_Handle ZoIF_CreateCriticalSection(void) { return createRecursiveMutex(); }
+int ZoIF_EnterCriticalSection(ZoIF_Handle h) { return enterMutex(h); }
+int ZoIF_ExitCriticalSection(ZoIF_Handle h) { return exitMutex(h); }
+int ZoIF_DestroyCriticalSection(ZoIF_Handle h) { return destroyMutex(h); }
+
+ZoIF_Handle ZoIF_CreateEvent(int manualReset, int initiallySignalled) {
+    return createEvent(manualReset, initiallySignalled);
+}
+int ZoIF_SetEvent(ZoIF_Handle h) { return setEvent(h); }
+int ZoIF_ResetEvent(ZoIF_Handle h) { return resetEvent(h); }
+int ZoIF_WaitEvent(ZoIF_Handle h) { return waitEventUntimed(h); }
+int ZoIF_WaitEventTimed(ZoIF_Handle h, double seconds) { return waitEventTimed(h, seconds); }
+int ZoIF_DestroyEvent(ZoIF_Handle h) { return destroyEvent(h); }
+ZoIF_Handle ZoIF_CreateEventCoop(int manualReset, int initiallySignalled) {
+    return createEvent(manualReset, initiallySignalled);
+}
+int ZoIF_SetEventCoop(ZoIF_Handle h) { return setEvent(h); }
+int ZoIF_ResetEventCoop(ZoIF_Handle h) { return resetEvent(h); }
+int ZoIF_WaitEventCoop(ZoIF_Handle h) { return waitEventUntimed(h); }
+int ZoIF_WaitEventTimedCoop(ZoIF_Handle h, double seconds) { return waitEventTimed(h, seconds); }
+int ZoIF_DestroyEventCoop(ZoIF_Handle h) { return destroyEvent(h); }
+
+int ZoIF_MemInit(int) {
+    pthread_mutex_lock(&gMem.lock);
+    if (!gMem.initialised) {
+        gMem.initialised = true;
+        gMem.limit = parseLimit(secure_getenv("ZOSYS_MEM_LIMIT"));
+        // Reserve as much address space as the system grants, from 64 GiB down.
+        for (unsigned long size = 64ul << 30; size >= (64ul << 20); size >>= 1) {
+            void* p = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+            if (p != MAP_FAILED) {
+                gMem.base = static_cast<char*>(p);
+                gMem.reserved = size;
+                break;
+            }
+        }
+    }
+    pthread_mutex_unlock(&gMem.lock);
+    return gMem.base ? 0 : ENOMEM;
+}
+
+void* ZoIF_MemAllocMin(unsigned int* size) {
+    if (!size) return nullptr;
+    ZoIF_MemInit(0);
+    pthread_mutex_lock(&gMem.lock);
+    void* result = nullptr;
+    unsigned long want = roundUpGranule(*size ? *size : 1);
+    unsigned long start = gMem.cursor + gMem.pendingGap;
+    bool fits = gMem.base && want <= 0xFFFFFFFFul && start + want <= gMem.reserved &&
+                (gMem.limit == 0 || gMem.committed + want <= gMem.limit);
+    if (fits && mprotect(gMem.base + start, want, PROT_READ | PROT_WRITE) == 0) {
+        result = gMem.base + start;
+        gMem.cursor = start + want;
+        gMem.pendingGap = 0;
+        gMem.committed += want;
+        *size = static_cast<unsigned int>(want);
+    }
+    pthread_mutex_unlock(&gMem.lock);
+    return result;
+}
+
+void ZoIF_TestSetMemLimit(unsigned long long bytes) {
+    pthread_mutex_lock(&gMem.lock);
+    gMem.limit = bytes;
+    pthread_mutex_unlock(&gMem.lock);
+}
+
+void ZoIF_TestLeaveMemGap(unsigned int bytes) {
+    pthread_mutex_lock(&gMem.lock);
+    gMem.pendingGap = roundUpGranule(bytes ? bytes : 1);
+    pthread_mutex_unlock(&gMem.lock);
+}
+
+unsigned long long ZoIF_TestMemCommitted(void) {
+    pthread_mutex_lock(&gMem.lock);
+    unsigned long long c = gMem.committed;
+    pthread_mutex_unlock(&gMem.lock);
+    return c;
+}
+
+int ZoIF_Open(char const* path, int flags, int mode) {
+    if (!path) return -1;
+    int oflags = O_WRONLY | O_CLOEXEC;
+    if (flags == 2)
+        oflags |= O_TRUNC;
+    else if (flags == 4)
+        oflags |= O_APPEND;
+    else
+        return -1;
+    if (mode == 1) oflags |= O_CREAT;
+    int fd;
+    do {
+        fd = open(path, oflags, 0640);
+    } while (fd < 0 && errno == EINTR);
+    return fd < 0 ? -1 : fd;
+}
+
+int ZoIF_Write(int file, void const* bytes, unsigned int count) {
+    if (file < 0) return EBADF;
+    auto const* p = static_cast<char const*>(bytes);
+    while (count > 0) {
+        ssize_t n = write(file, p, count);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return errno;
+        }
+        p += n;
+        count -= static_cast<unsigned int>(n);
+    }
+    return 0;
+}
+
+// Writes go straight to the kernel, so there is nothing of ours to flush: the
+// data is already visible to every reader of the file.
+int ZoIF_Flush(int file) { return file < 0 ? EBADF : 0; }
+
+int ZoIF_Close(int file) {
+    if (file < 0) return EBADF;
+    return close(file) == 0 ? 0 : errno;
+}
+
+double ZoIF_ZeroBasedTime(void) { return monotonicNow() - gZeroTime; }
+
+}  // extern "C"

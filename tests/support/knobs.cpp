@@ -1,0 +1,1 @@
+#include "knobs.h"

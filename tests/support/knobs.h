@@ -1,0 +1,34 @@
+// Knobs shared by the test programs.
+#pragma once
+
+#include <cstdlib>
+#include <string>
+
+namespace zotest {
+
+// Randomised and stress tests run a short default; ZOUTILS_TEST_SCALE=N runs N times as many
+// operations (e.g. ZOUTILS_TEST_SCALE=50 for a soak run).
+inline unsigned long scaled(unsigned long base) {
+    char const* s = std::getenv("ZOUTILS_TEST_SCALE");
+    if (!s || !*s) return base;
+    unsigned long k = std::strtoul(s, nullptr, 10);
+    return k ? base * k : base;
+}
+
+// True when the process runs under a sanitizer whose own operator new
+// replaces the library's (AddressSanitizer, ThreadSanitizer).
+inline bool sanitizerOwnsOperatorNew() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+    return true;
+#else
+    return false;
+#endif
+#else
+    return false;
+#endif
+}
+
+}  // namespace zotest
