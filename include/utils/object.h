@@ -64,7 +64,7 @@ public:
 template <class T>
 class CountedRef {
 public:
-    CountedRef() : ptr(nullptr) {}
+    constexpr CountedRef() : ptr(nullptr) {}
     CountedRef(T* p) : ptr(p) { if (ptr) ptr->incRef(); }
     CountedRef(CountedRef const& o) : ptr(o.ptr) { if (ptr) ptr->incRef(); }
     template <class U>
