@@ -19,14 +19,16 @@
  *
  * Tasks
  *  - Every thread is one task and one cooperative task.
- *  - ZoIF_CurrentTaskId is the kernel thread id (gettid), never -1.
+ *  - ZoIF_CurrentTaskId is the kernel thread id (gettid), never -1; a forked
+ *    child reads its own id.
  *  - ZoIF_CurrentTaskIdCoop is a per-thread serial number from 1, handed out on a
  *    thread's first call, never reused within the process and never -1.
  *  - Both are callable before any lock exists and never allocate.
  *
  * Cooperative thread-local storage
- *  - ZoIF_AllocateTLSCoop hands out slot indices from a fixed table; a slot never
- *    set in a thread, or an invalid slot, reads 0. Get/Set never call operator new
+ *  - ZoIF_AllocateTLSCoop hands out slot indices 0 to 255 from a fixed table, then
+ *    0xFFFFFFFF (an invalid slot). A slot never set in a thread, or an invalid
+ *    slot, reads 0; setting an invalid slot returns EINVAL and changes nothing. Get/Set never call operator new
  *    or malloc and work before any lock exists (the process allocator uses them
  *    while it is being built).
  *
@@ -46,7 +48,11 @@
  *    null when the range or the configured limit is used up. Neither calls
  *    operator new or malloc, and neither calls back into the library.
  *  - The limit, in bytes, comes from the environment variable ZOSYS_MEM_LIMIT
- *    (decimal or 0x hex), read by ZoIF_MemInit; unset means the whole range.
+ *    (decimal or 0x hex), read once by the first ZoIF_MemInit; unset means the
+ *    whole range. A malformed value is reported on standard error and ignored.
+ *  - The granule is 1 MiB; the reserved range is as large as the system grants,
+ *    64 GiB at most. A request above 4 GiB - 1 MiB always fails (the size
+ *    argument is 32 bits).
  *  - Memory is never given back; there is no free function.
  *
  * Files
@@ -55,19 +61,34 @@
  *    0640". Descriptors close on exec. Writes loop over partial writes.
  *
  * Configuration
- *  - A key maps to an environment variable by upper-casing and replacing dots with
- *    underscores ("ZoUtils.Log.Level" -> ZOUTILS_LOG_LEVEL). Files hold
- *    "Key = value" lines with '#' comments, read in layers: the system file
- *    zoutils.conf under $XDG_CONFIG_DIRS (default /etc/xdg), the user file under
- *    $XDG_CONFIG_HOME (default ~/.config), then the file named by ZOSYS_CONFIG.
- *    The environment wins over every file, and a later file over an earlier one.
- *  - Numbers accept decimal and 0x hex, with an optional sign. A malformed value
- *    (not a number where a number is asked, too long for the caller's buffer) is
- *    reported once on standard error with its source (variable name, or
- *    file:line) and treated as absent. ZOSYS_CONFIG_DEBUG=1 prints, for each key
- *    read, where its value came from.
- *  - Both readers return 0 when the key was found and the value written, nonzero
- *    otherwise.
+ *  - Sources of a key, most important first; the first acceptable value wins:
+ *      1. the environment: the key upper-cased (ASCII) with dots replaced by
+ *         underscores ("ZoUtils.Log.Level" -> ZOUTILS_LOG_LEVEL);
+ *      2. the file named by ZOSYS_CONFIG;
+ *      3. the user file $XDG_CONFIG_HOME/zoutils/zoutils.conf
+ *         (default ~/.config/zoutils/zoutils.conf);
+ *      4. the system files <dir>/zoutils/zoutils.conf for each dir of
+ *         $XDG_CONFIG_DIRS (default /etc/xdg), the first listed dir first.
+ *    Within one file a later line beats an earlier one. All variables are read
+ *    with secure_getenv (a set-user-id process sees only the system files).
+ *  - Files hold "Key = value" lines. Keys match case-insensitively; whitespace
+ *    around keys and values is dropped; a '#' at the start of a line or after
+ *    whitespace starts a comment ("allocator#3" keeps its '#'). Files are read on
+ *    every call, so values are always current; nothing is cached.
+ *  - Numbers: decimal or 0x hex with an optional sign, 32 bits: -2147483648 up to
+ *    4294967295, the upper half stored as its bit pattern (0xFFFFFFFF reads -1).
+ *    "010" is ten, not octal.
+ *  - A value that cannot be used (not a number where a number is asked, too long
+ *    for the caller's buffer) is reported once on standard error, with its source
+ *    (variable name, or file:line), and treated as absent: the next source is
+ *    consulted. Lines without '=' and unreadable files other than missing ones are
+ *    reported the same way. ZOSYS_CONFIG_DEBUG=1 (any value but empty or 0) prints,
+ *    for every read, the value and where it came from, or where it was looked for.
+ *  - Both readers return 0 when the key was found and the value written, ENOENT
+ *    when no source holds a usable value, EINVAL for a null or empty key, a null
+ *    output or a buffer size of 0. A string value fits when its length is at most
+ *    size - 1; on failure the output is left untouched.
+ *  - Reading never calls operator new, so it works at any point of start-up.
  *
  * Clock
  *  - ZoIF_ZeroBasedTime is seconds since the layer was loaded, from a monotonic
@@ -143,7 +164,7 @@ ZOSYS_API double ZoIF_ZeroBasedTime(void);
  *  - ZoIF_TestSetMemLimit: from now on ZoIF_MemAllocMin fails once the committed
  *    total would exceed `bytes` (0 removes the limit).
  *  - ZoIF_TestLeaveMemGap: the next ZoIF_MemAllocMin skips `bytes` of the reserved
- *    range (rounded up to the granule) first, so that the region it returns does
+ *    range (rounded up to the granule; 0 counts as 1) first, so that the region it returns does
  *    not start where the previous one ended.
  *  - ZoIF_TestMemCommitted: bytes committed so far.
  */

@@ -5,6 +5,7 @@
 // memory and TLS functions run while the library's allocator is being built.
 // Objects behind handles come from calloc.
 #include "zosys.h"
+#include "zosys_diag.h"
 
 #include <atomic>
 #include <cerrno>
@@ -116,12 +117,21 @@ double gZeroTime = monotonicNow();
 // program, so reading these never allocates.
 // ---------------------------------------------------------------------------
 constexpr unsigned kTlsSlots = 256;
+constexpr unsigned kNoSlot = 0xFFFFFFFFu;  // handed out once the table is full
 std::atomic<unsigned> gNextTlsSlot{0};
 std::atomic<int> gNextCoopId{0};
 
 __attribute__((tls_model("initial-exec"))) thread_local int tKernelId = 0;
 __attribute__((tls_model("initial-exec"))) thread_local int tCoopId = 0;
 __attribute__((tls_model("initial-exec"))) thread_local unsigned tTls[kTlsSlots];
+
+// The kernel id is cached per thread; a forked child runs under a new id, so its
+// (only) thread forgets the parent's. The cooperative id stays: it is unique
+// within the child too.
+void forgetKernelIdInChild() { tKernelId = 0; }
+struct ForkHook {
+    ForkHook() { pthread_atfork(nullptr, nullptr, forgetKernelIdInChild); }
+} gForkHook;
 
 // ---------------------------------------------------------------------------
 // Locks: recursive pthread mutexes.
@@ -284,12 +294,20 @@ MemState gMem;
 
 unsigned long roundUpGranule(unsigned long n) { return (n + kGranule - 1) & ~(kGranule - 1); }
 
+// ZOSYS_MEM_LIMIT: bytes, decimal or 0x hex. Anything else is reported and
+// means no limit.
 unsigned long long parseLimit(char const* text) {
     if (!text || !*text) return 0;
     char* end = nullptr;
     errno = 0;
-    unsigned long long v = std::strtoull(text, &end, 0);
-    if (errno || end == text || *end) return 0;
+    unsigned long long v = 0;
+    bool octal = text[0] == '0' && text[1] >= '0' && text[1] <= '9';
+    if (text[0] >= '0' && text[0] <= '9')
+        v = std::strtoull(text, &end, octal ? 10 : 0);
+    if (errno || !end || end == text || *end) {
+        zosys::reportOnce("ZOSYS_MEM_LIMIT=\"%s\" is not a byte count (decimal or 0x hex); no limit", text);
+        return 0;
+    }
     return v;
 }
 
@@ -307,7 +325,14 @@ int ZoIF_CurrentTaskIdCoop(void) {
     return tCoopId;
 }
 
-unsigned int ZoIF_AllocateTLSCoop(void) { return gNextTlsSlot.fetch_add(1, std::memory_order_relaxed); }
+unsigned int ZoIF_AllocateTLSCoop(void) {
+    // Saturates instead of wrapping, so an exhausted table never hands out a
+    // slot twice; the invalid slot reads 0 and ignores sets.
+    unsigned slot = gNextTlsSlot.load(std::memory_order_relaxed);
+    while (slot < kTlsSlots && !gNextTlsSlot.compare_exchange_weak(slot, slot + 1, std::memory_order_relaxed)) {
+    }
+    return slot < kTlsSlots ? slot : kNoSlot;
+}
 
 unsigned int ZoIF_GetTLSCoop(unsigned int slot) { return slot < kTlsSlots ? tTls[slot] : 0; }
 
@@ -427,6 +452,7 @@ int ZoIF_Write(int file, void const* bytes, unsigned int count) {
             if (errno == EINTR) continue;
             return errno;
         }
+        if (n == 0) return EIO;  // no progress: give up rather than spin
         p += n;
         count -= static_cast<unsigned int>(n);
     }
