@@ -3,3 +3,4 @@
 
 void tourSystemLayer();
 void tourObjects();
+void tourSync();
