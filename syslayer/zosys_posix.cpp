@@ -408,6 +408,7 @@ void* ZoIF_MemAllocMin(unsigned int* size) {
 }
 
 void ZoIF_TestSetMemLimit(unsigned long long bytes) {
+    ZoIF_MemInit(0);  // so that a later first init cannot replace this limit with the environment's
     pthread_mutex_lock(&gMem.lock);
     gMem.limit = bytes;
     pthread_mutex_unlock(&gMem.lock);

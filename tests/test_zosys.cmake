@@ -1,0 +1,5 @@
+# A fresh-process probe over the system layer alone; test_zosys runs it.
+add_executable(zosys_probe ${CMAKE_CURRENT_SOURCE_DIR}/zosys_probe/zosys_probe.cpp)
+target_link_libraries(zosys_probe PRIVATE zoutils::zosys Threads::Threads zoutils_warnings)
+add_dependencies(${test_name} zosys_probe)
+target_compile_definitions(${test_name} PRIVATE ZOSYS_PROBE="$<TARGET_FILE:zosys_probe>")
