@@ -74,4 +74,75 @@ private:
     unsigned int previous;
 };
 
+
+// ===========================================================================
+// Allocators offered to applications. Nothing in the library creates one; an
+// application makes one and keeps it for as long as its blocks live.
+// ===========================================================================
+
+// An allocator over the platform's malloc and free, for programs that want colour
+// accounting without the arena. Each block is aligned to 64 bytes and carries a
+// hidden header (24 bits of usable size, 8 bits of colour) at the start of its
+// malloc block, the malloc address in the 8 bytes before the returned address, and
+// the guard word 0xDEADDEAD in the last 4-byte word of its usable bytes (written,
+// never checked: it is there for inspecting overruns).
+//
+// Oddities kept on purpose: valid() is always true; defaultColor() is always 0
+// whatever setDefaultColor stored; setColor changes a block's colour without
+// moving its bytes between the colour counters; internalFree() and
+// freeColorMemory() answer 0xFFFFFFFF (not known). The default colour is one value
+// for the whole allocator, shared by all threads. No locks: one thread at a time.
+// Live blocks are not released when the allocator ends.
+class ZO_API SimpleAllocator : public Allocator {
+public:
+    SimpleAllocator();
+
+    // alloc(size, char) with the low byte of the stored default colour.
+    void* alloc(unsigned long size) override;
+    // Takes size(p) back from the total and from the counter of color(p), then
+    // frees the malloc block. Null is ignored; a foreign pointer is not detected.
+    void free(void* p) override;
+    // The usable size from the header; 0 for null.
+    unsigned long size(void* p) const override;
+    // Usable bytes of all live blocks.
+    unsigned long allocatedMemory() const override;
+    // The interface's colour overload stays the default: it ignores the colour and
+    // calls alloc(size). Pass a char to alloc(size, char) to choose a colour.
+    using Allocator::alloc;
+    // Always 0xFFFFFFFF: not known.
+    unsigned long internalFree() const override;
+    // The colour byte of the header; 0 for null.
+    unsigned int color(void* p) const override;
+    // 0x80000000 for null; otherwise replaces the header's colour byte with the
+    // low byte of `color` and returns 0. The counters keep the bytes under the old
+    // colour (kept: blocks are recoloured for inspection only).
+    unsigned int setColor(void* p, unsigned int color) override;
+    // Always true (kept: the allocator cannot tell its blocks from others).
+    bool valid(void* p) const override;
+    // Stores the old value in *previous (when not null), then the new default for
+    // all threads. Returns 0.
+    unsigned int setDefaultColor(unsigned int color, unsigned int* previous) override;
+    // defaultColor() is the interface's: 0, whatever setDefaultColor stored (kept).
+    // Usable bytes of live blocks in a colour, 0 to 255; 0 for other colours.
+    unsigned long allocatedColorMemory(unsigned int color) const override;
+    // Always 0xFFFFFFFF: not known.
+    unsigned long freeColorMemory(unsigned int color) const override;
+
+    // Allocates in colour `color`, read as its byte value 0 to 255. The malloc
+    // block is (size + 72) rounded up to 128 bytes; the returned address is a
+    // multiple of 64. Null when malloc fails or when the usable size would not fit
+    // the 24-bit size field (size above 0xFFFFB8 = 16777144 bytes); the counters
+    // are then untouched.
+    void* alloc(unsigned long size, char color);
+
+    // The largest request alloc accepts.
+    static constexpr unsigned long kMaxRequest = 0xFFFFB8;
+
+private:
+    unsigned int allocatedTotal;
+    unsigned int allocatedByColor[256];
+    unsigned int defaultColorValue;  // only its low byte is used
+    unsigned int sizeMask;           // 0xFFFFFF: the size bits of a header
+};
+
 }  // namespace Utils
