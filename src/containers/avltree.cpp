@@ -1,0 +1,379 @@
+// AVLTreeIterBase: the balancing logic of every AVL tree, compiled once.
+//
+// Defined out of line so that every tree type shares this single copy; it knows a
+// node only as an AVLTreeNodeBase whose parent, left and right links sit at the
+// offsets of the node record, and the tree only through the root offset of the tree
+// record. Keys never reach this file.
+//
+// Invariants between operations (checked by verifyShape):
+//   - balance(n) = height(n.right) - height(n.left), in -1..+1;
+//   - child.parent == n for each child of n; root.parent == null.
+// Search, insertion and both rebalancing loops use no recursion and no path stack:
+// they climb by parent links, carrying (current, link) = (a node, the link that
+// points at the subtree being repaired, which is one of current's child members or
+// the root member when current is null).
+#include "utils/avltree.h"
+
+namespace Utils {
+
+namespace {
+
+// The three links of a node, reached through the node record's offsets.
+struct Links {
+    explicit Links(TemplOps const* ops) : p(ops->offsets[0]), l(ops->offsets[1]), r(ops->offsets[2]) {}
+    static AVLTreeNodeBase*& at(AVLTreeNodeBase* n, unsigned int offset) {
+        return *reinterpret_cast<AVLTreeNodeBase**>(reinterpret_cast<char*>(n) + offset);
+    }
+    AVLTreeNodeBase*& parent(AVLTreeNodeBase* n) const { return at(n, p); }
+    AVLTreeNodeBase*& left(AVLTreeNodeBase* n) const { return at(n, l); }
+    AVLTreeNodeBase*& right(AVLTreeNodeBase* n) const { return at(n, r); }
+    unsigned int p, l, r;
+};
+
+inline AVLTreeNodeBase*& rootOf(TemplOps const* treeOps, void* tree) {
+    return *reinterpret_cast<AVLTreeNodeBase**>(static_cast<char*>(tree) + treeOps->offsets[0]);
+}
+
+}  // namespace
+
+void AVLTreeIterBase::top() {
+    link = &rootOf(treeOps, tree);
+    current = *link;
+}
+
+int AVLTreeIterBase::here(AVLTreeNodeBase*** sibling) {
+    if (!current) return 0;
+    Links k(nodeOps);
+    AVLTreeNodeBase* p = k.parent(current);
+    if (!p) {
+        link = &rootOf(treeOps, tree);
+        return 0;
+    }
+    if (k.left(p) == current) {
+        link = &k.left(p);
+        if (sibling) *sibling = &k.right(p);
+        return -1;
+    }
+    link = &k.right(p);
+    if (sibling) *sibling = &k.left(p);
+    return +1;
+}
+
+void AVLTreeIterBase::bump(bool forward) {
+    if (!current) return;
+    Links k(nodeOps);
+    unsigned int farSide = forward ? k.r : k.l;
+    unsigned int nearSide = forward ? k.l : k.r;
+    if (AVLTreeNodeBase* next = Links::at(current, farSide)) {
+        while (AVLTreeNodeBase* deeper = Links::at(next, nearSide)) next = deeper;
+        current = next;
+        return;
+    }
+    AVLTreeNodeBase* previous;
+    do {
+        previous = current;
+        current = k.parent(current);
+    } while (current && Links::at(current, nearSide) != previous);
+}
+
+void AVLTreeIterBase::toFirst() {
+    Links k(nodeOps);
+    link = &rootOf(treeOps, tree);
+    current = *link;
+    if (!current) return;
+    while (k.left(current)) {
+        link = &k.left(current);
+        current = *link;
+    }
+}
+
+void AVLTreeIterBase::toLast() {
+    Links k(nodeOps);
+    link = &rootOf(treeOps, tree);
+    current = *link;
+    if (!current) return;
+    while (k.right(current)) {
+        link = &k.right(current);
+        current = *link;
+    }
+}
+
+bool AVLTreeIterBase::adjustBalance() {
+    if (!current) return false;
+    Links k(nodeOps);
+    int old = current->balance;
+    if (link == &k.left(current)) {
+        current->balance = old - 1;
+        if (current->balance < -1) leftBalance();
+    } else {
+        current->balance = old + 1;
+        if (current->balance > 1) rightBalance();
+    }
+    return old == 0;
+}
+
+/* current (a) has balance +2, link = &a.right, r = *link.
+
+  double (r.balance <= 0):          single (r.balance = +1):
+      a                 g               a                r
+     / \              /   \            / \             /   \
+    .   r     =>     a     r          .   r     =>    a     .
+       / \          / \   / \            / \         / \
+      g   .        .  gl gr  .          .   .       .   .
+     / \
+   gl   gr
+*/
+void AVLTreeIterBase::rightBalance() {
+    Links k(nodeOps);
+    AVLTreeNodeBase* r = *link;
+    if (r->balance < 1) {
+        AVLTreeNodeBase* g = k.left(r);
+        int b = g->balance;
+        current->balance = b == 1 ? -1 : 0;
+        r->balance = b == -1 ? 1 : 0;
+        g->balance = 0;
+        rotateRight();  // g becomes the root of a's right subtree
+    } else {
+        current->balance = 0;
+        r->balance = 0;
+    }
+    if (current) {
+        here(nullptr);
+        current = k.parent(current);
+    }
+    rotateLeft();
+}
+
+// Mirror of rightBalance: a has balance -2, link = &a.left, l = *link; a balance of l
+// below 0 selects the single rotation, anything else (0 included) the double one.
+void AVLTreeIterBase::leftBalance() {
+    Links k(nodeOps);
+    AVLTreeNodeBase* l = *link;
+    if (l->balance < 0) {
+        current->balance = 0;
+        l->balance = 0;
+    } else {
+        AVLTreeNodeBase* g = k.right(l);
+        int b = g->balance;
+        current->balance = b == -1 ? 1 : 0;
+        l->balance = b == 1 ? -1 : 0;
+        g->balance = 0;
+        rotateLeft();
+    }
+    if (current) {
+        here(nullptr);
+        current = k.parent(current);
+    }
+    rotateRight();
+}
+
+/*
+     x                y
+    / \              / \
+   .   y     =>     x   .
+      / \          / \
+     m   .        .   m
+ */
+void AVLTreeIterBase::rotateLeft() {
+    Links k(nodeOps);
+    AVLTreeNodeBase* x = *link;
+    AVLTreeNodeBase* y = k.right(x);
+    AVLTreeNodeBase* m = k.left(y);
+    k.right(x) = m;
+    if (m) k.parent(m) = x;
+    k.left(y) = x;
+    k.parent(x) = y;
+    *link = y;
+    k.parent(y) = current;
+}
+
+void AVLTreeIterBase::rotateRight() {
+    Links k(nodeOps);
+    AVLTreeNodeBase* x = *link;
+    AVLTreeNodeBase* y = k.left(x);
+    AVLTreeNodeBase* m = k.right(y);
+    k.left(x) = m;
+    if (m) k.parent(m) = x;
+    k.right(y) = x;
+    k.parent(x) = y;
+    *link = y;
+    k.parent(y) = current;
+}
+
+// Loop invariant: the subtree at link, a child of current, grew one level taller.
+void AVLTreeIterBase::rebalanceAfterInsert() {
+    Links k(nodeOps);
+    while (adjustBalance() && current) {
+        here(nullptr);
+        current = k.parent(current);
+    }
+}
+
+AVLTreeNodeBase* AVLTreeIterBase::remove() {
+    if (!current) return nullptr;
+    Links k(nodeOps);
+    AVLTreeNodeBase* a = current;
+
+    if (k.left(a) && k.right(a)) {
+        // Exchange places with the in-order predecessor p (the rightmost node of the
+        // left subtree, which has no right child). Afterwards a has at most a left
+        // child and removal proceeds as for such a node.
+        AVLTreeNodeBase* p = k.left(a);
+        while (k.right(p)) p = k.right(p);
+
+        AVLTreeNodeBase* aParent = k.parent(a);
+        AVLTreeNodeBase* aLeft = k.left(a);
+        AVLTreeNodeBase* aRight = k.right(a);
+        AVLTreeNodeBase* pLeft = k.left(p);
+        AVLTreeNodeBase* pParent = k.parent(p);
+
+        here(nullptr);  // link := the link that points at a
+        *link = p;
+        k.parent(p) = aParent;
+        k.right(p) = aRight;
+        k.parent(aRight) = p;
+        if (p == aLeft) {
+            k.left(p) = a;
+            k.parent(a) = p;
+        } else {
+            k.left(p) = aLeft;
+            k.parent(aLeft) = p;
+            k.right(pParent) = a;
+            k.parent(a) = pParent;
+        }
+        k.left(a) = pLeft;
+        if (pLeft) k.parent(pLeft) = a;
+        k.right(a) = nullptr;
+        int balance = a->balance;
+        a->balance = p->balance;
+        p->balance = balance;
+    }
+
+    // a has at most one child: splice it out.
+    AVLTreeNodeBase** sibling = nullptr;
+    int d = here(&sibling);
+    AVLTreeNodeBase* child = k.left(a) ? k.left(a) : k.right(a);
+    *link = child;
+    if (child) k.parent(child) = k.parent(a);
+    k.left(a) = nullptr;
+    k.right(a) = nullptr;
+    int delta = -d;  // +1: a left subtree got shorter, the node leans right; -1 the mirror
+
+    AVLTreeNodeBase* removed = a;
+    current = k.parent(removed);
+    k.parent(removed) = nullptr;
+
+    // Loop invariant: the child subtree of current on the side opposite to delta
+    // (sibling points at current's other child) became one level shorter.
+    while (current) {
+        int b = current->balance;
+        if (b == 0) {
+            current->balance = delta;  // height unchanged
+            break;
+        }
+        if (b == -delta) {
+            current->balance = 0;  // current's subtree became shorter: climb
+            delta = -here(&sibling);
+            current = k.parent(current);
+            continue;
+        }
+        // b == delta: current would reach +-2; s is its taller child.
+        AVLTreeNodeBase* s = *sibling;
+        int sb = s->balance;
+        if (sb == 0) {
+            // One rotation; the height of current's subtree is unchanged: stop.
+            s->balance = -delta;
+            here(nullptr);
+            current = k.parent(current);
+            if (delta > 0)
+                rotateLeft();
+            else
+                rotateRight();
+            break;
+        }
+        if (sb == b) {
+            // One rotation; the subtree became shorter: continue upward.
+            current->balance = 0;
+            s->balance = 0;
+            int side = delta;
+            delta = -here(&sibling);
+            current = k.parent(current);
+            if (side > 0)
+                rotateLeft();
+            else
+                rotateRight();
+            continue;
+        }
+        // sb == -b: double rotation; the subtree became shorter: continue upward.
+        int side = delta;
+        link = sibling;  // rotate s with current (its parent) as the cursor
+        if (side > 0)
+            rotateRight();
+        else
+            rotateLeft();
+        AVLTreeNodeBase* g = *link;
+        int gb = g->balance;
+        g->balance = 0;
+        if (side > 0)
+            s->balance = gb == -1 ? 1 : 0;
+        else
+            s->balance = gb == 1 ? -1 : 0;
+        AVLTreeNodeBase* unbalanced = current;
+        delta = -here(&sibling);
+        current = k.parent(current);
+        if (side > 0) {
+            unbalanced->balance = gb == 1 ? -1 : 0;
+            rotateLeft();
+        } else {
+            unbalanced->balance = gb == -1 ? 1 : 0;
+            rotateRight();
+        }
+    }
+    return removed;
+}
+
+namespace {
+
+// Height of the subtree at n, or -1 after storing a fault. depth guards against a
+// corrupt (cyclic or degenerate) structure.
+long checkSubtree(AVLTreeNodeBase* n, AVLTreeNodeBase* expectedParent, Links const& k, int depth,
+                  unsigned long& nodes, char const*& fault) {
+    if (!n) return 0;
+    if (depth > 128) {
+        fault = "tree deeper than any AVL tree can be";
+        return -1;
+    }
+    if (k.parent(n) != expectedParent) {
+        fault = expectedParent ? "parent link disagrees with child link" : "root has a parent";
+        return -1;
+    }
+    ++nodes;
+    long hl = checkSubtree(k.left(n), n, k, depth + 1, nodes, fault);
+    if (hl < 0) return -1;
+    long hr = checkSubtree(k.right(n), n, k, depth + 1, nodes, fault);
+    if (hr < 0) return -1;
+    if (n->balance < -1 || n->balance > 1) {
+        fault = "balance out of -1..+1";
+        return -1;
+    }
+    if (n->balance != hr - hl) {
+        fault = "balance differs from the real height difference";
+        return -1;
+    }
+    return 1 + (hl > hr ? hl : hr);
+}
+
+}  // namespace
+
+char const* AVLTreeIterBase::verifyShape(void const* treeObject, TemplOps const& treeRecord,
+                                         TemplOps const& nodeRecord, unsigned long* nodes) {
+    Links k(&nodeRecord);
+    AVLTreeNodeBase* root = rootOf(&treeRecord, const_cast<void*>(treeObject));
+    unsigned long count = 0;
+    char const* fault = nullptr;
+    checkSubtree(root, nullptr, k, 0, count, fault);
+    if (nodes) *nodes = count;
+    return fault;
+}
+
+}  // namespace Utils
