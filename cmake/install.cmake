@@ -18,5 +18,11 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/zoutilsConfigVersion.cmak
 install(FILES ${PROJECT_BINARY_DIR}/zoutilsConfig.cmake ${PROJECT_BINARY_DIR}/zoutilsConfigVersion.cmake
   DESTINATION ${ZOUTILS_CMAKE_DIR})
 
+# The .pc file finds the prefix relative to its own directory, so the tree can be
+# installed with --prefix or DESTDIR anywhere.
+file(RELATIVE_PATH ZOUTILS_PC_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" ZOUTILS_PC_PREFIX "${ZOUTILS_PC_PREFIX}")
+file(RELATIVE_PATH ZOUTILS_PC_LIBDIR ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
+file(RELATIVE_PATH ZOUTILS_PC_INCLUDEDIR ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
 configure_file(${PROJECT_SOURCE_DIR}/cmake/zoutils.pc.in ${PROJECT_BINARY_DIR}/zoutils.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zoutils.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
