@@ -107,7 +107,7 @@ public:
 
 private:
     // Reserved: no operation reads or writes it.
-    void* reserved;
+    [[maybe_unused]] void* reserved;
     // How often the owner has entered; touched only by the owner.
     std::atomic<int> count;
     // Cooperative task id of the owner, -1 when free. Other tasks read it in lock()
