@@ -31,7 +31,8 @@ unsigned long long hashOf(char const* text, unsigned long length) {
 }
 
 // Formats "zosys: <message>\n" into `line`, cutting over-long messages.
-unsigned long formatLine(char* line, unsigned long capacity, char const* format, va_list args) {
+__attribute__((format(printf, 3, 0))) unsigned long formatLine(char* line, unsigned long capacity,
+                                                             char const* format, va_list args) {
     int prefix = std::snprintf(line, capacity, "zosys: ");
     int n = std::vsnprintf(line + prefix, capacity - prefix - 1, format, args);
     unsigned long length = prefix + (n < 0 ? 0 : static_cast<unsigned long>(n));
