@@ -17,6 +17,11 @@ void tourSystemLayer() {
     int second = ZoIF_WaitEventTimed(ev, 0.01);
     std::printf("auto-reset event, initially signalled: first wait %d, second wait %d (timed out)\n", first, second);
     ZoIF_DestroyEvent(ev);
+    int level = 0;
+    if (ZoIF_GetConfigNumber("ZoUtils.Log.Level", &level) == 0)
+        std::printf("configured ZoUtils.Log.Level: %d\n", level);
+    else
+        std::printf("ZoUtils.Log.Level is not configured (try ZOUTILS_LOG_LEVEL=2, or ZOSYS_CONFIG_DEBUG=1)\n");
     std::printf("%.3f s since the layer was loaded\n", ZoIF_ZeroBasedTime());
 }
 
