@@ -65,11 +65,13 @@ struct Text {
 // What a reader does with one candidate value.
 class Taker {
 public:
-    virtual ~Taker() = default;
     // Takes `value` (from `source`) if it is acceptable; reports it otherwise.
     virtual bool take(char const* key, char const* value, char const* source) = 0;
     // Describes the taken value for the debug trace.
     virtual void describe(Text& out) const = 0;
+
+protected:
+    ~Taker() = default;  // never deleted through a Taker*: no operator delete in this library
 };
 
 // Accepts decimal or 0x hex with an optional sign, surrounding blanks ignored.
@@ -113,7 +115,7 @@ bool parseNumber(char const* text, int* out) {
     return true;
 }
 
-class NumberTaker : public Taker {
+class NumberTaker final : public Taker {
 public:
     explicit NumberTaker(int* out) : out(out) {}
     bool take(char const* key, char const* value, char const* source) override {
@@ -136,7 +138,7 @@ private:
     int* out;
 };
 
-class StringTaker : public Taker {
+class StringTaker final : public Taker {
 public:
     StringTaker(char* buffer, unsigned size) : buffer(buffer), size(size) {}
     bool take(char const* key, char const* value, char const* source) override {
