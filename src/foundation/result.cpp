@@ -1,0 +1,169 @@
+// Results and error reporting: per-task last errors, suppressed codes, registered
+// texts and listeners.
+//
+// Invariants
+//  - gResultLock guards the last-error table, the suppressed list, the text table
+//    (pointer and tree) and the listener list (pointer and vector). It is never held
+//    while logging or while a listener runs.
+//  - The last-error table and the suppressed list are constant-initialised and
+//    never destroyed by a static destructor: the unload step releases their storage
+//    and leaves them empty, so a late raiseError (from another library's static
+//    destructor, or a thread still running at exit) finds valid, empty tables.
+//  - The text table and the listener list are made on first use and never freed.
+//  - raiseError can be reached when memory is exhausted, also from an allocation
+//    made under one of the hub's or these tables' locks on the same thread. It then
+//    only returns the code (see log/held_lock.h). An error raised while the same
+//    thread is logging an error (a sink out of memory) is recorded and notified but
+//    not logged, so the raising never recurses through the log without end.
+#include "utils/result.h"
+
+#include <cstdio>
+#include <new>
+
+#include "foundation/result_tables.h"
+#include "log/held_lock.h"
+#include "utils/avltree.h"
+#include "utils/log.h"
+#include "utils/vector.h"
+#include "zosys.h"
+
+namespace Utils {
+
+using detail::HeldLock;
+
+namespace {
+
+// Storage whose destructor never runs; the unload step empties the value instead.
+template <class T>
+union Undestroyed {
+    constexpr Undestroyed() : value() {}
+    ~Undestroyed() {}
+    T value;
+};
+
+std::mutex gResultLock;
+Undestroyed<AVLTree<unsigned long, unsigned int>> gLastErrors;  // task -> last raised code
+Undestroyed<Vector<unsigned int>> gSuppressed;                   // unordered, duplicates allowed
+AVLTree<unsigned int, char const*>* gTexts = nullptr;            // code -> caller's text, not copied
+Vector<ResultListener const*>* gListeners = nullptr;
+
+thread_local bool tLoggingError = false;
+
+unsigned long currentTask() { return static_cast<unsigned long>(ZoIF_CurrentTaskIdCoop()); }
+
+// The source position the error line names.
+constexpr char const* kRaiseFile = "result";
+constexpr unsigned int kRaiseLine = 65;
+
+class LoggingError {
+public:
+    LoggingError() { tLoggingError = true; }
+    ~LoggingError() { tLoggingError = false; }
+};
+
+}  // namespace
+
+ResultListener::~ResultListener() = default;
+
+unsigned int raiseError(unsigned int code) {
+    if (detail::heldLockDepth() != 0) return code;
+    unsigned long task = currentTask();
+    bool suppressed;
+    {
+        HeldLock g(gResultLock);
+        gLastErrors.value.intern(task) = code;
+        unsigned long index;
+        suppressed = gSuppressed.value.locate(code, index);
+    }
+    if (suppressed) return code;
+    if (!tLoggingError) {
+        LoggingError busy;
+        Log::theLog()->print(MessageError, "utils", -3, kRaiseFile, kRaiseLine, "Raising error: %s",
+                             resultToString(code));
+    }
+    // The count is read again after every call: listeners added during the walk are
+    // called in it; a listener that removes itself may make its successor skipped.
+    for (unsigned long i = 0;; ++i) {
+        ResultListener const* listener;
+        {
+            HeldLock g(gResultLock);
+            if (!gListeners || i >= gListeners->count) break;
+            listener = (*gListeners)[i];
+        }
+        listener->resultRaised(code);
+    }
+    return code;
+}
+
+unsigned int lastError() {
+    unsigned long task = currentTask();
+    HeldLock g(gResultLock);
+    return gLastErrors.value.intern(task);
+}
+
+void clearError() {
+    unsigned long task = currentTask();
+    HeldLock g(gResultLock);
+    gLastErrors.value.intern(task) = 0u;
+}
+
+void setErrorSuppressed(unsigned int code) {
+    HeldLock g(gResultLock);
+    gSuppressed.value.add(code);
+}
+
+void clearErrorSuppressed(unsigned int code) {
+    HeldLock g(gResultLock);
+    gSuppressed.value.remove(code);
+}
+
+char const* resultToString(unsigned int code) {
+    {
+        HeldLock g(gResultLock);
+        if (gTexts) {
+            AVLTreeIter<unsigned int, char const*> it = gTexts->find(code);
+            if (it.valid()) return it.value();
+        }
+    }
+    // One buffer per thread: a thread's next call overwrites it.
+    static thread_local char fallback[40];
+    snprintf(fallback, sizeof fallback, static_cast<int>(code) < 0 ? "Failure #0x%08x" : "Success #0x%08x", code);
+    return fallback;
+}
+
+ResultString::ResultString(unsigned int c, char const* text) : code(c) {
+    HeldLock g(gResultLock);
+    if (!gTexts) gTexts = new (std::nothrow) AVLTree<unsigned int, char const*>;
+    // First registration wins: insert keeps an existing text.
+    if (gTexts) gTexts->insert(code, text);
+}
+
+// Kept: removes the code's text whoever registered it.
+ResultString::~ResultString() {
+    HeldLock g(gResultLock);
+    if (gTexts) gTexts->remove(code);
+}
+
+void addResultListener(ResultListener const* listener) {
+    HeldLock g(gResultLock);
+    if (!gListeners) gListeners = new (std::nothrow) Vector<ResultListener const*>;
+    if (gListeners) gListeners->add(listener);
+}
+
+void removeResultListener(ResultListener const* listener) {
+    HeldLock g(gResultLock);
+    if (gListeners) gListeners->remove(listener);
+}
+
+namespace detail {
+
+void releaseResultTables() {
+    HeldLock g(gResultLock);
+    gSuppressed.value.purge();
+    delete static_cast<AVLTreeNode<unsigned long, unsigned int>*>(gLastErrors.value.root);
+    gLastErrors.value.root = nullptr;
+}
+
+}  // namespace detail
+
+}  // namespace Utils

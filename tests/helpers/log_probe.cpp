@@ -1,0 +1,43 @@
+// Prints the state of the process's log hub as it was built from the configuration
+// at load, then logs one error line through it. Run by test_log with a prepared
+// environment; one "key value" fact per line on standard output.
+#include <cstdio>
+#include <cstring>
+#include <typeinfo>
+
+#include "utils/log.h"
+
+using namespace Utils;
+
+namespace {
+
+char const* kind(Logger* l) {
+    if (!l) return "none";
+    if (dynamic_cast<NullLogger*>(l)) return "null";
+    if (auto* f = dynamic_cast<FileLogger*>(l)) return f->valid() ? "file" : "file-invalid";
+    if (dynamic_cast<StdLogger*>(l)) return "std";
+    if (dynamic_cast<SystemLogger*>(l)) return "system";
+    if (dynamic_cast<DialogLogger*>(l)) return "dialog";
+    return "other";
+}
+
+}  // namespace
+
+int main() {
+    Log* log = Log::theLog();
+    Logger* defaultSink = Log::theDefaultLogger().get();
+    for (unsigned int c = 0; c < 4; ++c) {
+        Logger* l = log->logger(static_cast<MessageClass>(c));
+        std::printf("sink%u %s%s\n", c, kind(l), l == defaultSink ? " default" : "");
+    }
+    for (unsigned int n = 0; log->getCategory(n); ++n)
+        std::printf("cat %s enabled=%d level=%d verbosity=%u\n", log->getCategory(n), log->enabled(n) ? 1 : 0,
+                    log->level(n), log->verbosity(n));
+    // A category made now shows the hub's defaults.
+    unsigned int fresh = log->getCategory("probe.fresh");
+    std::printf("defaults enabled=%d level=%d verbosity=%u\n", log->enabled(fresh) ? 1 : 0, log->level(fresh),
+                log->verbosity(fresh));
+    std::fflush(stdout);
+    log->print(MessageError, "probe", -3, "probe.cpp", 7, "probe line %d", 42);
+    return 0;
+}

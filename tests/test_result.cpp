@@ -1,0 +1,354 @@
+// Results: per-task last errors, suppression, texts, listeners, and the error line.
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "knobs.h"
+#include "utils/log.h"
+#include "utils/result.h"
+
+using namespace Utils;
+
+namespace {
+
+// Keeps every line the process hub prints while it is installed.
+struct Capture : Logger {
+    int print(MessageClass c, char const* format, va_list args) override ZO_PRINTF(3, 0) {
+        char line[1024];
+        vsnprintf(line, sizeof line, format, args);
+        std::lock_guard<std::mutex> g(mutex);
+        classes.push_back(c);
+        lines.push_back(line);
+        return 0;
+    }
+    std::mutex mutex;
+    std::vector<MessageClass> classes;
+    std::vector<std::string> lines;
+};
+
+// Installs a capturing sink on the process hub for one test.
+class CapturedHub {
+public:
+    CapturedHub() : capture(new Capture) { Log::theLog()->setLogger(capture.get()); }
+    ~CapturedHub() { Log::theLog()->setLogger(Log::theDefaultLogger().get()); }
+    CountedRef<Capture> capture;
+};
+
+struct Counting : ResultListener {
+    void resultRaised(unsigned int code) const override {
+        std::lock_guard<std::mutex> g(mutex);
+        codes.push_back(code);
+        calls.fetch_add(1);
+    }
+    mutable std::mutex mutex;
+    mutable std::vector<unsigned int> codes;
+    mutable std::atomic<unsigned int> calls{0};
+};
+
+}  // namespace
+
+// Runs first in this program: the listener list does not exist yet.
+TEST(Results, RemoveListenerBeforeAnyAddDoesNothing) {
+    Counting l;
+    removeResultListener(&l);
+    removeResultListener(nullptr);
+    CapturedHub hub;
+    EXPECT_EQ(raiseError(0x80000010u), 0x80000010u);
+    EXPECT_EQ(l.calls.load(), 0u);
+}
+
+TEST(Results, LastErrorFollowsRaiseAndClearInThisTaskOnly) {
+    CapturedHub hub;
+    clearError();
+    EXPECT_EQ(lastError(), 0u);
+    EXPECT_EQ(raiseError(0x80000002u), 0x80000002u);
+    EXPECT_EQ(lastError(), 0x80000002u);
+    std::thread other([] {
+        EXPECT_EQ(lastError(), 0u);  // a task that never raised
+        raiseError(0x80000003u);
+        EXPECT_EQ(lastError(), 0x80000003u);
+        clearError();
+        EXPECT_EQ(lastError(), 0u);
+    });
+    other.join();
+    EXPECT_EQ(lastError(), 0x80000002u);
+    clearError();
+    EXPECT_EQ(lastError(), 0u);
+    raiseError(5u);  // a success code is recorded like any other
+    EXPECT_EQ(lastError(), 5u);
+    clearError();
+}
+
+TEST(Results, RaisedErrorIsLoggedOnceInCategoryUtils) {
+    CapturedHub hub;
+    raiseError(0x80000002u);
+    raiseError(7u);
+    ASSERT_EQ(hub.capture->lines.size(), 2u);
+    EXPECT_EQ(hub.capture->lines[0], "error|utils|Raising error: Failure #0x80000002");
+    EXPECT_EQ(hub.capture->lines[1], "error|utils|Raising error: Success #0x00000007");
+    EXPECT_EQ(hub.capture->classes[0], MessageError);
+    Log::theLog()->setVerbosity(1u);
+    raiseError(0x80000001u);
+    Log::theLog()->setVerbosity(0u);
+    EXPECT_EQ(hub.capture->lines[2], "error|utils|result:65|Raising error: Failure #0x80000001");
+    clearError();
+}
+
+TEST(Results, SuppressedCodeIsRecordedButNeitherLoggedNorNotified) {
+    CapturedHub hub;
+    Counting l;
+    addResultListener(&l);
+    setErrorSuppressed(0x80000020u);
+    EXPECT_EQ(raiseError(0x80000020u), 0x80000020u);
+    EXPECT_EQ(lastError(), 0x80000020u);
+    EXPECT_TRUE(hub.capture->lines.empty());
+    EXPECT_EQ(l.calls.load(), 0u);
+    clearErrorSuppressed(0x80000020u);
+    raiseError(0x80000020u);
+    EXPECT_EQ(hub.capture->lines.size(), 1u);
+    EXPECT_EQ(l.calls.load(), 1u);
+    removeResultListener(&l);
+    clearError();
+}
+
+TEST(Results, SuppressionIsACountedStack) {
+    CapturedHub hub;
+    setErrorSuppressed(0x80000021u);
+    setErrorSuppressed(0x80000021u);
+    clearErrorSuppressed(0x80000021u);
+    raiseError(0x80000021u);
+    EXPECT_TRUE(hub.capture->lines.empty());
+    clearErrorSuppressed(0x80000021u);
+    clearErrorSuppressed(0x80000021u);  // absent: nothing
+    raiseError(0x80000021u);
+    EXPECT_EQ(hub.capture->lines.size(), 1u);
+    clearError();
+}
+
+TEST(Results, GeneratedTextsWithoutRegistration) {
+    EXPECT_STREQ(resultToString(0x80000002u), "Failure #0x80000002");
+    EXPECT_STREQ(resultToString(5u), "Success #0x00000005");
+    EXPECT_STREQ(resultToString(0u), "Success #0x00000000");
+    EXPECT_STREQ(resultToString(0xFFFFFFFFu), "Failure #0xffffffff");
+    EXPECT_STREQ(resultToString(0x7FFFFFFFu), "Success #0x7fffffff");
+}
+
+TEST(Results, GeneratedTextBufferIsPerThreadAndReusedByTheNextCall) {
+    char const* mine = resultToString(1u);
+    char const* again = resultToString(2u);
+    EXPECT_EQ(mine, again);
+    EXPECT_STREQ(mine, "Success #0x00000002");
+    char const* theirs = nullptr;
+    std::thread other([&theirs] { theirs = resultToString(0x80000009u); });
+    other.join();
+    EXPECT_NE(theirs, mine);
+    EXPECT_STREQ(mine, "Success #0x00000002");  // the other thread did not overwrite it
+}
+
+TEST(Results, FirstRegistrationWinsAnyDestructionRemoves) {
+    auto* first = new ResultString(0x80000030u, "first text");
+    EXPECT_STREQ(resultToString(0x80000030u), "first text");
+    {
+        ResultString second(0x80000030u, "second text");
+        EXPECT_STREQ(resultToString(0x80000030u), "first text");
+    }
+    EXPECT_STREQ(resultToString(0x80000030u), "Failure #0x80000030");
+    delete first;  // its entry is already gone: nothing
+    EXPECT_STREQ(resultToString(0x80000030u), "Failure #0x80000030");
+    {
+        ResultString a(0x80000031u, "a");
+        auto* b = new ResultString(0x80000031u, "b");
+        delete b;  // destroying the later one removes the earlier one's text
+        EXPECT_STREQ(resultToString(0x80000031u), "Failure #0x80000031");
+    }
+}
+
+TEST(Results, RegisteredTextAppearsInTheErrorLine) {
+    static ResultString text(0x80000040u, "disk on fire");
+    CapturedHub hub;
+    raiseError(0x80000040u);
+    ASSERT_EQ(hub.capture->lines.size(), 1u);
+    EXPECT_EQ(hub.capture->lines[0], "error|utils|Raising error: disk on fire");
+    clearError();
+}
+
+namespace {
+
+std::vector<std::string> gWalk;
+
+struct Named : ResultListener {
+    explicit Named(char const* n) : name(n) {}
+    void resultRaised(unsigned int) const override { gWalk.push_back(name); }
+    char const* name;
+};
+
+struct AddsOne : ResultListener {
+    explicit AddsOne(ResultListener const* l) : added(l) {}
+    void resultRaised(unsigned int) const override {
+        gWalk.push_back("adder");
+        if (!done) {
+            done = true;
+            addResultListener(added);
+        }
+    }
+    ResultListener const* added;
+    mutable bool done = false;
+};
+
+struct RemovesSelf : ResultListener {
+    void resultRaised(unsigned int) const override {
+        gWalk.push_back("remover");
+        removeResultListener(this);
+    }
+};
+
+}  // namespace
+
+TEST(Results, ListenerAddedDuringTheWalkIsCalledInTheSameWalk) {
+    CapturedHub hub;
+    Named late("late"), tail("tail");
+    AddsOne adder(&late);
+    addResultListener(&adder);
+    addResultListener(&tail);
+    gWalk.clear();
+    raiseError(0x80000050u);
+    std::vector<std::string> expected = {"adder", "tail", "late"};
+    EXPECT_EQ(gWalk, expected);
+    gWalk.clear();
+    raiseError(0x80000050u);
+    expected = {"adder", "tail", "late"};
+    EXPECT_EQ(gWalk, expected);
+    removeResultListener(&adder);
+    removeResultListener(&tail);
+    removeResultListener(&late);
+    clearError();
+}
+
+TEST(Results, ListenerThatRemovesItselfMakesItsSuccessorSkipped) {
+    CapturedHub hub;
+    Named before("before"), after("after");
+    RemovesSelf remover;
+    addResultListener(&before);
+    addResultListener(&remover);
+    addResultListener(&after);
+    gWalk.clear();
+    raiseError(0x80000051u);
+    std::vector<std::string> expected = {"before", "remover"};  // "after" moved into the visited slot
+    EXPECT_EQ(gWalk, expected);
+    gWalk.clear();
+    raiseError(0x80000051u);
+    expected = {"before", "after"};
+    EXPECT_EQ(gWalk, expected);
+    removeResultListener(&before);
+    removeResultListener(&after);
+    clearError();
+}
+
+TEST(Results, ListenerAddedTwiceIsCalledTwiceRemovedOnce) {
+    CapturedHub hub;
+    Counting l;
+    addResultListener(&l);
+    addResultListener(&l);
+    raiseError(0x80000052u);
+    EXPECT_EQ(l.calls.load(), 2u);
+    removeResultListener(&l);
+    raiseError(0x80000052u);
+    EXPECT_EQ(l.calls.load(), 3u);
+    removeResultListener(&l);
+    raiseError(0x80000052u);
+    EXPECT_EQ(l.calls.load(), 3u);
+    clearError();
+}
+
+namespace {
+struct Throws : ResultListener {
+    void resultRaised(unsigned int) const override { throw std::runtime_error("listener"); }
+};
+}  // namespace
+
+TEST(Results, ListenerExceptionPassesThroughAndLeavesNothingLocked) {
+    CapturedHub hub;
+    Throws t;
+    addResultListener(&t);
+    EXPECT_THROW(raiseError(0x80000053u), std::runtime_error);
+    removeResultListener(&t);
+    EXPECT_EQ(lastError(), 0x80000053u);
+    EXPECT_EQ(raiseError(0x80000054u), 0x80000054u);
+    EXPECT_EQ(hub.capture->lines.size(), 2u);
+    clearError();
+}
+
+namespace {
+// A sink that itself fails while printing, raising an error of its own: the
+// nested error is recorded and notified, but not logged again.
+struct FailingSink : Logger {
+    int print(MessageClass, char const*, va_list) override {
+        ++prints;
+        raiseError(0x80000061u);
+        return 0;
+    }
+    int prints = 0;
+};
+}  // namespace
+
+TEST(Results, ErrorRaisedWhileLoggingAnErrorIsRecordedButNotLoggedAgain) {
+    CountedRef<FailingSink> sink(new FailingSink);
+    Log::theLog()->setLogger(sink.get());
+    Counting l;
+    addResultListener(&l);
+    EXPECT_EQ(raiseError(0x80000060u), 0x80000060u);
+    Log::theLog()->setLogger(Log::theDefaultLogger().get());
+    removeResultListener(&l);
+    EXPECT_EQ(sink->prints, 1);
+    EXPECT_EQ(lastError(), 0x80000061u);
+    std::vector<unsigned int> expected = {0x80000061u, 0x80000060u};
+    EXPECT_EQ(l.codes, expected);
+    clearError();
+}
+
+TEST(Results, ConcurrentRaisingAndQueryingKeepsEveryTaskExact) {
+    CapturedHub hub;
+    Counting l;
+    addResultListener(&l);
+    unsigned int const threads = 4;
+    unsigned int const perThread = static_cast<unsigned int>(zotest::scaled(1500));
+    setErrorSuppressed(0x80000100u);
+    std::atomic<unsigned int> mismatches{0};
+    std::vector<std::thread> pool;
+    for (unsigned int t = 0; t < threads; ++t) {
+        pool.emplace_back([&, t] {
+            if (lastError() != 0) mismatches.fetch_add(1);
+            for (unsigned int i = 0; i < perThread; ++i) {
+                unsigned int code = 0x80000000u | ((t + 1) << 16) | (i & 0xFFFF);
+                if (raiseError(code) != code) mismatches.fetch_add(1);
+                if (lastError() != code) mismatches.fetch_add(1);
+                raiseError(0x80000100u);  // suppressed: recorded only
+                if (lastError() != 0x80000100u) mismatches.fetch_add(1);
+                if (i % 100 == 0) {
+                    clearError();
+                    if (lastError() != 0) mismatches.fetch_add(1);
+                    std::string expect = "Failure #0x" + [&] {
+                        char hex[9];
+                        snprintf(hex, sizeof hex, "%08x", code);
+                        return std::string(hex);
+                    }();
+                    if (expect != resultToString(code)) mismatches.fetch_add(1);
+                }
+                raiseError(code);
+            }
+            if (lastError() != (0x80000000u | ((t + 1) << 16) | ((perThread - 1) & 0xFFFF))) mismatches.fetch_add(1);
+        });
+    }
+    for (auto& th : pool) th.join();
+    clearErrorSuppressed(0x80000100u);
+    removeResultListener(&l);
+    EXPECT_EQ(mismatches.load(), 0u);
+    EXPECT_EQ(l.calls.load(), 2 * threads * perThread);
+    EXPECT_EQ(hub.capture->lines.size(), 2 * threads * perThread);
+}
