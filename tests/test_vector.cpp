@@ -615,6 +615,35 @@ TEST(Vector, GenericTableWorksForStrings) {
     EXPECT_EQ(v.verify(), nullptr);
 }
 
+TEST(Vector, PointerTablesMoveSearchAndResetWholeWords) {
+    int objects[4];
+    auto* a = reinterpret_cast<Utils::LogCat*>(&objects[0]);
+    auto* b = reinterpret_cast<Utils::LogCat*>(&objects[1]);
+    auto* c = reinterpret_cast<Utils::LogCat*>(&objects[2]);
+    Vector<Utils::LogCat*> v;
+    v.add(a);
+    v.add(b);
+    v.insert(c, 0);
+    v.add(b);
+    unsigned long index = 0;
+    EXPECT_TRUE(v.locate(b, index));
+    EXPECT_EQ(index, 2u);
+    EXPECT_TRUE(v.locateLast(b, index));
+    EXPECT_EQ(index, 3u);
+    EXPECT_TRUE(v.remove(c));
+    EXPECT_EQ(v.data[0], a);
+    EXPECT_EQ(v.data[1], b);
+    EXPECT_EQ(v.data[2], b);
+    EXPECT_EQ(v.data[3], nullptr);
+    Utils::LogCat* same[] = {a, b, b};
+    EXPECT_EQ(v.compare(same, 3), 0);
+    same[2] = c;
+    EXPECT_EQ(v.compare(same, 3), 1);
+    v.clear();
+    EXPECT_EQ(v.data[0], nullptr);
+    EXPECT_EQ(v.verify(), nullptr);
+}
+
 // ---------------------------------------------------------------------------
 // The verifier
 // ---------------------------------------------------------------------------
@@ -644,12 +673,15 @@ static unsigned long modelGrow(unsigned long capacity, unsigned long n) {
     return static_cast<std::uint32_t>(n * 110 + 110) / 100;
 }
 
-TEST(Vector, RandomisedAgainstStdVector) {
-    std::mt19937_64 rng(0x5eed0001);
-    Vector<unsigned int> v;
-    std::vector<unsigned int> model;
+// Runs the same operation mix on Vector<T> and std::vector<T>, checking contents,
+// capacity and the verifier after every operation.
+template <class T>
+void runAgainstStdVector(unsigned long seed) {
+    std::mt19937_64 rng(seed);
+    Vector<T> v;
+    std::vector<T> model;
     unsigned long modelCapacity = 0;
-    auto value = [&] { return static_cast<unsigned int>(rng() % 64); };
+    auto value = [&] { return static_cast<T>(rng() % 64); };
     auto below = [&](unsigned long n) { return n ? rng() % n : 0; };
     unsigned long const operations = zotest::scaled(150000);
     for (unsigned long step = 0; step < operations; ++step) {
@@ -659,14 +691,14 @@ TEST(Vector, RandomisedAgainstStdVector) {
             case 0:
             case 1:
             case 2: {
-                unsigned int x = value();
+                T x = value();
                 modelCapacity = modelGrow(modelCapacity, model.size() + 1);
                 ASSERT_EQ(v.add(x), model.size());
                 model.push_back(x);
                 break;
             }
             case 3: {
-                unsigned int xs[5];
+                T xs[5];
                 unsigned long n = below(6);
                 for (unsigned long i = 0; i < n; ++i) xs[i] = value();
                 modelCapacity = modelGrow(modelCapacity, model.size() + n);
@@ -675,7 +707,7 @@ TEST(Vector, RandomisedAgainstStdVector) {
                 break;
             }
             case 4: {
-                unsigned int x = value();
+                T x = value();
                 unsigned long index = below(model.size() + 3);
                 modelCapacity = modelGrow(modelCapacity, model.size() + 1);
                 v.insert(x, index);
@@ -683,7 +715,7 @@ TEST(Vector, RandomisedAgainstStdVector) {
                 break;
             }
             case 5: {
-                unsigned int xs[4];
+                T xs[4];
                 unsigned long n = below(5);
                 for (unsigned long i = 0; i < n; ++i) xs[i] = value();
                 unsigned long index = below(model.size() + 3);
@@ -693,7 +725,7 @@ TEST(Vector, RandomisedAgainstStdVector) {
                 break;
             }
             case 6: {
-                unsigned int x = value();
+                T x = value();
                 unsigned long index = 777, lastIndex = 777;
                 auto it = std::find(model.begin(), model.end(), x);
                 auto rit = std::find(model.rbegin(), model.rend(), x);
@@ -704,7 +736,7 @@ TEST(Vector, RandomisedAgainstStdVector) {
                 break;
             }
             case 7: {
-                std::vector<unsigned int> other = model;
+                std::vector<T> other = model;
                 if (!other.empty() && rng() % 2) other[below(other.size())] ^= 1;
                 if (rng() % 4 == 0) other.push_back(1);
                 ASSERT_EQ(v.compare(other.data(), other.size()), other == model ? 0 : 1);
@@ -727,16 +759,16 @@ TEST(Vector, RandomisedAgainstStdVector) {
             }
             case 10:
             case 11: {
-                unsigned int x = value();
+                T x = value();
                 auto it = std::find(model.begin(), model.end(), x);
                 ASSERT_EQ(v.remove(x), it != model.end());
                 if (it != model.end()) model.erase(it);
                 break;
             }
             case 12: {
-                unsigned int xs[3] = {value(), value(), value()};
+                T xs[3] = {value(), value(), value()};
                 bool all = true;
-                for (unsigned int x : xs) {
+                for (T x : xs) {
                     auto it = std::find(model.begin(), model.end(), x);
                     if (it != model.end())
                         model.erase(it);
@@ -750,14 +782,14 @@ TEST(Vector, RandomisedAgainstStdVector) {
                 unsigned long n = below(model.size() + 40);
                 if (n >= model.size()) modelCapacity = modelGrow(modelCapacity, n);
                 v.sizeTo(n);
-                model.resize(n, 0u);
+                model.resize(n, T());
                 break;
             }
             case 14: {
                 unsigned long n = model.size() + below(10);
                 v.sizeToExact(n);
                 modelCapacity = n;
-                model.resize(n, 0u);
+                model.resize(n, T());
                 break;
             }
             case 15:
@@ -774,7 +806,7 @@ TEST(Vector, RandomisedAgainstStdVector) {
                 }
                 break;
             case 17: {
-                std::vector<unsigned int> src(below(30));
+                std::vector<T> src(below(30));
                 for (auto& x : src) x = value();
                 v.vectorCopyOp(src.data(), src.size());
                 model = src;
@@ -782,7 +814,7 @@ TEST(Vector, RandomisedAgainstStdVector) {
                 break;
             }
             case 18: {
-                Vector<unsigned int> copy(v);
+                Vector<T> copy(v);
                 ASSERT_EQ(copy.compare(v), 0);
                 ASSERT_EQ(copy.verify(), nullptr);
                 if (rng() % 4 == 0) {
@@ -804,3 +836,8 @@ TEST(Vector, RandomisedAgainstStdVector) {
         ASSERT_TRUE(std::equal(model.begin(), model.end(), v.begin())) << "step " << step << " op " << op;
     }
 }
+
+// The library's unsigned int table (its scalar fast paths) and a table built by the
+// template (one function call per element) must behave identically.
+TEST(Vector, RandomisedAgainstStdVectorWithLibraryTable) { runAgainstStdVector<unsigned int>(0x5eed0001); }
+TEST(Vector, RandomisedAgainstStdVectorWithTemplateTable) { runAgainstStdVector<unsigned long>(0x5eed0003); }

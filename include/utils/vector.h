@@ -17,7 +17,9 @@
 //
 // Elements are always moved with the table's assign, never with a raw memory copy,
 // so element types holding counted references stay correct; a slot vacated by a
-// removal is reset, not destroyed.
+// removal is reset, not destroyed. (The library's own scalar tables, whose assign is
+// a word copy and whose reset stores 0, are moved and reset a run at a time: the
+// result is the same.)
 //
 // Aliasing: an element argument (value or values) must not point into the vector's
 // own array when the operation can grow it (add, insert, sizeTo, vectorCopyOp):

@@ -36,78 +36,90 @@ inline AVLTreeNodeBase*& rootOf(TemplOps const* treeOps, void* tree) {
 
 }  // namespace
 
-void AVLTreeIterBase::top() {
-    link = &rootOf(treeOps, tree);
-    current = *link;
+// The algorithms, on the cursor c. The exported members below only forward here:
+// calls between exported functions of a shared library go through the PLT and
+// cannot be inlined, calls between these internal ones can.
+namespace core {
+namespace {
+
+int here(AVLTreeIterBase& c, AVLTreeNodeBase*** sibling);
+void rightBalance(AVLTreeIterBase& c);
+void leftBalance(AVLTreeIterBase& c);
+void rotateLeft(AVLTreeIterBase& c);
+void rotateRight(AVLTreeIterBase& c);
+
+void top(AVLTreeIterBase& c) {
+    c.link = &rootOf(c.treeOps, c.tree);
+    c.current = *c.link;
 }
 
-int AVLTreeIterBase::here(AVLTreeNodeBase*** sibling) {
-    if (!current) return 0;
-    Links k(nodeOps);
-    AVLTreeNodeBase* p = k.parent(current);
+int here(AVLTreeIterBase& c, AVLTreeNodeBase*** sibling) {
+    if (!c.current) return 0;
+    Links k(c.nodeOps);
+    AVLTreeNodeBase* p = k.parent(c.current);
     if (!p) {
-        link = &rootOf(treeOps, tree);
+        c.link = &rootOf(c.treeOps, c.tree);
         return 0;
     }
-    if (k.left(p) == current) {
-        link = &k.left(p);
+    if (k.left(p) == c.current) {
+        c.link = &k.left(p);
         if (sibling) *sibling = &k.right(p);
         return -1;
     }
-    link = &k.right(p);
+    c.link = &k.right(p);
     if (sibling) *sibling = &k.left(p);
     return +1;
 }
 
-void AVLTreeIterBase::bump(bool forward) {
-    if (!current) return;
-    Links k(nodeOps);
+void bump(AVLTreeIterBase& c, bool forward) {
+    if (!c.current) return;
+    Links k(c.nodeOps);
     unsigned int farSide = forward ? k.r : k.l;
     unsigned int nearSide = forward ? k.l : k.r;
-    if (AVLTreeNodeBase* next = Links::at(current, farSide)) {
+    if (AVLTreeNodeBase* next = Links::at(c.current, farSide)) {
         while (AVLTreeNodeBase* deeper = Links::at(next, nearSide)) next = deeper;
-        current = next;
+        c.current = next;
         return;
     }
     AVLTreeNodeBase* previous;
     do {
-        previous = current;
-        current = k.parent(current);
-    } while (current && Links::at(current, nearSide) != previous);
+        previous = c.current;
+        c.current = k.parent(c.current);
+    } while (c.current && Links::at(c.current, nearSide) != previous);
 }
 
-void AVLTreeIterBase::toFirst() {
-    Links k(nodeOps);
-    link = &rootOf(treeOps, tree);
-    current = *link;
-    if (!current) return;
-    while (k.left(current)) {
-        link = &k.left(current);
-        current = *link;
+void toFirst(AVLTreeIterBase& c) {
+    Links k(c.nodeOps);
+    c.link = &rootOf(c.treeOps, c.tree);
+    c.current = *c.link;
+    if (!c.current) return;
+    while (k.left(c.current)) {
+        c.link = &k.left(c.current);
+        c.current = *c.link;
     }
 }
 
-void AVLTreeIterBase::toLast() {
-    Links k(nodeOps);
-    link = &rootOf(treeOps, tree);
-    current = *link;
-    if (!current) return;
-    while (k.right(current)) {
-        link = &k.right(current);
-        current = *link;
+void toLast(AVLTreeIterBase& c) {
+    Links k(c.nodeOps);
+    c.link = &rootOf(c.treeOps, c.tree);
+    c.current = *c.link;
+    if (!c.current) return;
+    while (k.right(c.current)) {
+        c.link = &k.right(c.current);
+        c.current = *c.link;
     }
 }
 
-bool AVLTreeIterBase::adjustBalance() {
-    if (!current) return false;
-    Links k(nodeOps);
-    int old = current->balance;
-    if (link == &k.left(current)) {
-        current->balance = old - 1;
-        if (current->balance < -1) leftBalance();
+bool adjustBalance(AVLTreeIterBase& c) {
+    if (!c.current) return false;
+    Links k(c.nodeOps);
+    int old = c.current->balance;
+    if (c.link == &k.left(c.current)) {
+        c.current->balance = old - 1;
+        if (c.current->balance < -1) leftBalance(c);
     } else {
-        current->balance = old + 1;
-        if (current->balance > 1) rightBalance();
+        c.current->balance = old + 1;
+        if (c.current->balance > 1) rightBalance(c);
     }
     return old == 0;
 }
@@ -123,48 +135,48 @@ bool AVLTreeIterBase::adjustBalance() {
      / \
    gl   gr
 */
-void AVLTreeIterBase::rightBalance() {
-    Links k(nodeOps);
-    AVLTreeNodeBase* r = *link;
+void rightBalance(AVLTreeIterBase& c) {
+    Links k(c.nodeOps);
+    AVLTreeNodeBase* r = *c.link;
     if (r->balance < 1) {
         AVLTreeNodeBase* g = k.left(r);
         int b = g->balance;
-        current->balance = b == 1 ? -1 : 0;
+        c.current->balance = b == 1 ? -1 : 0;
         r->balance = b == -1 ? 1 : 0;
         g->balance = 0;
-        rotateRight();  // g becomes the root of a's right subtree
+        rotateRight(c);  // g becomes the root of a's right subtree
     } else {
-        current->balance = 0;
+        c.current->balance = 0;
         r->balance = 0;
     }
-    if (current) {
-        here(nullptr);
-        current = k.parent(current);
+    if (c.current) {
+        here(c, nullptr);
+        c.current = k.parent(c.current);
     }
-    rotateLeft();
+    rotateLeft(c);
 }
 
 // Mirror of rightBalance: a has balance -2, link = &a.left, l = *link; a balance of l
 // below 0 selects the single rotation, anything else (0 included) the double one.
-void AVLTreeIterBase::leftBalance() {
-    Links k(nodeOps);
-    AVLTreeNodeBase* l = *link;
+void leftBalance(AVLTreeIterBase& c) {
+    Links k(c.nodeOps);
+    AVLTreeNodeBase* l = *c.link;
     if (l->balance < 0) {
-        current->balance = 0;
+        c.current->balance = 0;
         l->balance = 0;
     } else {
         AVLTreeNodeBase* g = k.right(l);
         int b = g->balance;
-        current->balance = b == -1 ? 1 : 0;
+        c.current->balance = b == -1 ? 1 : 0;
         l->balance = b == 1 ? -1 : 0;
         g->balance = 0;
-        rotateLeft();
+        rotateLeft(c);
     }
-    if (current) {
-        here(nullptr);
-        current = k.parent(current);
+    if (c.current) {
+        here(c, nullptr);
+        c.current = k.parent(c.current);
     }
-    rotateRight();
+    rotateRight(c);
 }
 
 /*
@@ -174,45 +186,45 @@ void AVLTreeIterBase::leftBalance() {
       / \          / \
      m   .        .   m
  */
-void AVLTreeIterBase::rotateLeft() {
-    Links k(nodeOps);
-    AVLTreeNodeBase* x = *link;
+void rotateLeft(AVLTreeIterBase& c) {
+    Links k(c.nodeOps);
+    AVLTreeNodeBase* x = *c.link;
     AVLTreeNodeBase* y = k.right(x);
     AVLTreeNodeBase* m = k.left(y);
     k.right(x) = m;
     if (m) k.parent(m) = x;
     k.left(y) = x;
     k.parent(x) = y;
-    *link = y;
-    k.parent(y) = current;
+    *c.link = y;
+    k.parent(y) = c.current;
 }
 
-void AVLTreeIterBase::rotateRight() {
-    Links k(nodeOps);
-    AVLTreeNodeBase* x = *link;
+void rotateRight(AVLTreeIterBase& c) {
+    Links k(c.nodeOps);
+    AVLTreeNodeBase* x = *c.link;
     AVLTreeNodeBase* y = k.left(x);
     AVLTreeNodeBase* m = k.right(y);
     k.left(x) = m;
     if (m) k.parent(m) = x;
     k.right(y) = x;
     k.parent(x) = y;
-    *link = y;
-    k.parent(y) = current;
+    *c.link = y;
+    k.parent(y) = c.current;
 }
 
 // Loop invariant: the subtree at link, a child of current, grew one level taller.
-void AVLTreeIterBase::rebalanceAfterInsert() {
-    Links k(nodeOps);
-    while (adjustBalance() && current) {
-        here(nullptr);
-        current = k.parent(current);
+void rebalanceAfterInsert(AVLTreeIterBase& c) {
+    Links k(c.nodeOps);
+    while (adjustBalance(c) && c.current) {
+        here(c, nullptr);
+        c.current = k.parent(c.current);
     }
 }
 
-AVLTreeNodeBase* AVLTreeIterBase::remove() {
-    if (!current) return nullptr;
-    Links k(nodeOps);
-    AVLTreeNodeBase* a = current;
+AVLTreeNodeBase* remove(AVLTreeIterBase& c) {
+    if (!c.current) return nullptr;
+    Links k(c.nodeOps);
+    AVLTreeNodeBase* a = c.current;
 
     if (k.left(a) && k.right(a)) {
         // Exchange places with the in-order predecessor p (the rightmost node of the
@@ -227,8 +239,8 @@ AVLTreeNodeBase* AVLTreeIterBase::remove() {
         AVLTreeNodeBase* pLeft = k.left(p);
         AVLTreeNodeBase* pParent = k.parent(p);
 
-        here(nullptr);  // link := the link that points at a
-        *link = p;
+        here(c, nullptr);  // link := the link that points at a
+        *c.link = p;
         k.parent(p) = aParent;
         k.right(p) = aRight;
         k.parent(aRight) = p;
@@ -251,30 +263,30 @@ AVLTreeNodeBase* AVLTreeIterBase::remove() {
 
     // a has at most one child: splice it out.
     AVLTreeNodeBase** sibling = nullptr;
-    int d = here(&sibling);
+    int d = here(c, &sibling);
     AVLTreeNodeBase* child = k.left(a) ? k.left(a) : k.right(a);
-    *link = child;
+    *c.link = child;
     if (child) k.parent(child) = k.parent(a);
     k.left(a) = nullptr;
     k.right(a) = nullptr;
     int delta = -d;  // +1: a left subtree got shorter, the node leans right; -1 the mirror
 
     AVLTreeNodeBase* removed = a;
-    current = k.parent(removed);
+    c.current = k.parent(removed);
     k.parent(removed) = nullptr;
 
     // Loop invariant: the child subtree of current on the side opposite to delta
     // (sibling points at current's other child) became one level shorter.
-    while (current) {
-        int b = current->balance;
+    while (c.current) {
+        int b = c.current->balance;
         if (b == 0) {
-            current->balance = delta;  // height unchanged
+            c.current->balance = delta;  // height unchanged
             break;
         }
         if (b == -delta) {
-            current->balance = 0;  // current's subtree became shorter: climb
-            delta = -here(&sibling);
-            current = k.parent(current);
+            c.current->balance = 0;  // current's subtree became shorter: climb
+            delta = -here(c, &sibling);
+            c.current = k.parent(c.current);
             continue;
         }
         // b == delta: current would reach +-2; s is its taller child.
@@ -283,54 +295,70 @@ AVLTreeNodeBase* AVLTreeIterBase::remove() {
         if (sb == 0) {
             // One rotation; the height of current's subtree is unchanged: stop.
             s->balance = -delta;
-            here(nullptr);
-            current = k.parent(current);
+            here(c, nullptr);
+            c.current = k.parent(c.current);
             if (delta > 0)
-                rotateLeft();
+                rotateLeft(c);
             else
-                rotateRight();
+                rotateRight(c);
             break;
         }
         if (sb == b) {
             // One rotation; the subtree became shorter: continue upward.
-            current->balance = 0;
+            c.current->balance = 0;
             s->balance = 0;
             int side = delta;
-            delta = -here(&sibling);
-            current = k.parent(current);
+            delta = -here(c, &sibling);
+            c.current = k.parent(c.current);
             if (side > 0)
-                rotateLeft();
+                rotateLeft(c);
             else
-                rotateRight();
+                rotateRight(c);
             continue;
         }
         // sb == -b: double rotation; the subtree became shorter: continue upward.
         int side = delta;
-        link = sibling;  // rotate s with current (its parent) as the cursor
+        c.link = sibling;  // rotate s with current (its parent) as the cursor
         if (side > 0)
-            rotateRight();
+            rotateRight(c);
         else
-            rotateLeft();
-        AVLTreeNodeBase* g = *link;
+            rotateLeft(c);
+        AVLTreeNodeBase* g = *c.link;
         int gb = g->balance;
         g->balance = 0;
         if (side > 0)
             s->balance = gb == -1 ? 1 : 0;
         else
             s->balance = gb == 1 ? -1 : 0;
-        AVLTreeNodeBase* unbalanced = current;
-        delta = -here(&sibling);
-        current = k.parent(current);
+        AVLTreeNodeBase* unbalanced = c.current;
+        delta = -here(c, &sibling);
+        c.current = k.parent(c.current);
         if (side > 0) {
             unbalanced->balance = gb == 1 ? -1 : 0;
-            rotateLeft();
+            rotateLeft(c);
         } else {
             unbalanced->balance = gb == -1 ? 1 : 0;
-            rotateRight();
+            rotateRight(c);
         }
     }
     return removed;
 }
+
+}  // namespace
+}  // namespace core
+
+void AVLTreeIterBase::top() { core::top(*this); }
+int AVLTreeIterBase::here(AVLTreeNodeBase*** sibling) { return core::here(*this, sibling); }
+void AVLTreeIterBase::bump(bool forward) { core::bump(*this, forward); }
+void AVLTreeIterBase::toFirst() { core::toFirst(*this); }
+void AVLTreeIterBase::toLast() { core::toLast(*this); }
+bool AVLTreeIterBase::adjustBalance() { return core::adjustBalance(*this); }
+void AVLTreeIterBase::rightBalance() { core::rightBalance(*this); }
+void AVLTreeIterBase::leftBalance() { core::leftBalance(*this); }
+void AVLTreeIterBase::rotateLeft() { core::rotateLeft(*this); }
+void AVLTreeIterBase::rotateRight() { core::rotateRight(*this); }
+void AVLTreeIterBase::rebalanceAfterInsert() { core::rebalanceAfterInsert(*this); }
+AVLTreeNodeBase* AVLTreeIterBase::remove() { return core::remove(*this); }
 
 namespace {
 
