@@ -8,6 +8,7 @@ int main() {
     std::printf("zoutils tour\n============\n");
     tourSystemLayer();
     tourObjects();
+    tourContainers();
     tourSync();
     std::printf("\nEnd of the tour.\n");
     return 0;

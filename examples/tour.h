@@ -4,3 +4,4 @@
 void tourSystemLayer();
 void tourObjects();
 void tourSync();
+void tourContainers();
