@@ -76,9 +76,143 @@ private:
 
 
 // ===========================================================================
-// Allocators offered to applications. Nothing in the library creates one; an
-// application makes one and keeps it for as long as its blocks live.
+// Allocators offered to applications: BSDAllocator (pages and chunks over a
+// parent allocator) and SimpleAllocator (over malloc). Nothing in the library
+// creates either; an application makes one and keeps it for as long as its
+// blocks live.
 // ===========================================================================
+
+// A page-directory allocator over a parent allocator. It takes page-aligned
+// regions from the parent and keeps one directory entry per 4096-byte page.
+// Requests above 2048 bytes are served as runs of whole pages (first fit over an
+// address-ordered list of free runs, merged again on release); requests of up to
+// 2048 bytes get a power-of-two chunk (16 to 2048 bytes) carved from a page that
+// holds chunks of one size only. Runs and chunk pages are kept apart for each of
+// 256 colours, so memory of two colours never shares a page. Memory taken from the
+// parent is never given back.
+//
+// Misuse found on release, and parent trouble, are reported to the log category
+// "allocator" (allocLogger) with the source name "bsdalloc"; nothing raises an
+// error except setColor.
+//
+// Not thread-safe: one thread at a time drives an instance. Default colours are
+// per thread.
+class ZO_API BSDAllocator : public Allocator {
+public:
+    // Stores the parent; init() must be called before use (an allocator used
+    // without init() sets itself up on its first allocation).
+    explicit BSDAllocator(Allocator* parent);
+
+    // `size` bytes in the calling thread's default colour; null when the parent
+    // has no more memory.
+    void* alloc(unsigned long size) override;
+    // Releases a block. Null is ignored. Releasing a page twice, an address inside
+    // a run, or an address that is not a block's start page is logged and
+    // ignored. Chunks are not checked: a chunk released twice is counted twice.
+    void free(void* p) override;
+    // Usable size: the chunk size for a chunk, 4096 x the pages from p's page to
+    // the end of its run for a page run, 0 for null or a page that holds no
+    // block. Logs "junk pointer, too high to make sense" (returning 0) for an
+    // address outside the pages this allocator owns.
+    unsigned long size(void* p) const override;
+    // Bytes in allocated pages (chunk pages count whole), the directory included.
+    unsigned long allocatedMemory() const override;
+    // Allocates in colour `color` & 255.
+    void* alloc(unsigned long size, unsigned int color) override;
+    // Bytes in free runs.
+    unsigned long internalFree() const override;
+    // Colour of a block; 0 for null or a page that holds no block; logs "junk
+    // pointer" like size().
+    unsigned int color(void* p) const override;
+    // Blocks are never recoloured: raises 0x80000000 and returns it.
+    unsigned int setColor(void* p, unsigned int color) override;
+    // False for null and foreign addresses; true for any address in a page run.
+    // For a chunk page it is true when p is aligned to the chunk size and that
+    // chunk is FREE, false for an allocated chunk (kept: callers rely on it).
+    bool valid(void* p) const override;
+    // Stores the old default in *previous (when not null), then sets the calling
+    // thread's default colour (stored as given; allocation uses its low 8 bits).
+    // Returns 0.
+    unsigned int setDefaultColor(unsigned int color, unsigned int* previous) override;
+    // The calling thread's default colour; 0 before init().
+    unsigned int defaultColor() const override;
+    // Bytes of allocated pages in a colour; 0 for a colour above 256. Colour 256
+    // is accepted and has its own counter, which only adjustColorMemory moves.
+    unsigned long allocatedColorMemory(unsigned int color) const override;
+    // Free chunk bytes in a colour: each chunk page of the colour counts 4096 less
+    // its allocated chunks. 0 for a colour above 256; colour 256 reads 0.
+    unsigned long freeColorMemory(unsigned int color) const override;
+    // Adds delta to a colour's allocated counter (colours up to 256; others are
+    // ignored); allocatedMemory() is not touched.
+    void adjustColorMemory(unsigned int color, int delta) override;
+    // Releases nothing: the parent keeps whatever was taken from it.
+    virtual ~BSDAllocator();
+
+    // Takes the first region from the parent for the directory (logging "parent
+    // alloc failed, check limits" or "init - Allocation is not page aligned" on
+    // trouble), clears every list and counter and takes a thread-local slot for
+    // the default colours. Call once.
+    void init();
+    // alloc with an explicit colour (low 8 bits used); chunks up to 2048 bytes,
+    // page runs above.
+    void* imalloc(unsigned long size, unsigned int color);
+    // free without the null check; an address outside the directory is logged as
+    // "pointer to wrong page".
+    void ifree(void* p);
+    // Does nothing; the verifier used by the tests checks the structure instead.
+    void checkCounts();
+
+    BSDAllocator(BSDAllocator const&) = delete;
+    BSDAllocator& operator=(BSDAllocator const&) = delete;
+
+    // Internal records (a chunk page's bitmap, a free run), defined beside the
+    // sources.
+    struct pginfo;
+    struct FreeRun;
+
+private:
+    friend struct BSDAllocatorInspector;
+
+    static constexpr unsigned kColors = 256;
+    static constexpr unsigned kShifts = 12;
+
+    bool setUp();
+    char* adoptRegion(char* start, unsigned long got, unsigned long directoryPages, unsigned long origin,
+                      unsigned long pages);
+    unsigned long directoryPagesFor(char const* start, unsigned long got, unsigned long* origin) const;
+    void markRun(unsigned long index, unsigned long pages, unsigned int color);
+    char* parentPages(unsigned long pages, void** raw, unsigned long* bytes, unsigned long* got,
+                      bool* misaligned);
+    void* allocPages(unsigned long size, unsigned int color);
+    void* mapPages(unsigned long pages);
+    void freePages(void* p, unsigned long index, unsigned long entry);
+    enum class Place { Empty, Before, Append, Prepend, Tail, Broken };
+    Place placeRun(char* start, char* end, FreeRun** at) const;
+    void insertRun(char* start, char* end, Place place, FreeRun* at);
+    bool makeChunks(unsigned int shift, unsigned int color);
+    void adoptChunkPage(char* page, pginfo* info, unsigned int shift, unsigned int color);
+    void* allocBytes(unsigned long size, unsigned int color);
+    void freeBytes(void* p, unsigned long index, pginfo* info);
+    void releaseRecord(FreeRun* run);
+    bool inDirectory(unsigned long index) const { return directory != nullptr && index <= lastIndex; }
+
+    Allocator* parent;
+    unsigned long originPage;        // page number (address / 4096) of directory[0]
+    unsigned long lastIndex;         // index of the last directory entry in use
+    unsigned long* directory;        // one entry per page from originPage on; see bsdalloc.cpp
+    pginfo* chunkLists[kColors][kShifts];  // chunk pages with a free chunk, by colour and shift
+    unsigned long directorySize;     // capacity of the directory in entries
+    FreeRun* freeRuns;               // free runs in address order
+    FreeRun* spareRun;               // one cached record, so that a release rarely allocates one
+    int colorSlot;                   // thread-local slot of the default colour, -1 until init()
+    // One slot more than there are colours: colour 256 is accepted by the counter
+    // operations and reads its own slot instead of the word after the table.
+    unsigned int freeByColor[kColors + 1];
+    unsigned int allocatedByColor[kColors + 1];
+    unsigned int allocatedTotal;
+    unsigned int internalFreeBytes;  // bytes in free runs
+    unsigned long obtainedBytes;     // bytes of the regions kept from the parent
+};
 
 // An allocator over the platform's malloc and free, for programs that want colour
 // accounting without the arena. Each block is aligned to 64 bytes and carries a

@@ -1,0 +1,571 @@
+// BSDAllocator: pages and power-of-two chunks over a parent allocator.
+//
+// Pages are 4096 bytes. The directory holds one entry per page, from originPage
+// on; entries are unsigned long so that a pginfo address fits in one:
+//
+//   entry            meaning
+//   0                page not owned by this allocator
+//   1                free page, part of a free run
+//   2 + c, c < 256   first page of an allocated run of colour c
+//   258              following page of an allocated run
+//   above 258        address of the pginfo of a chunk page
+//
+//   directory:  [2][258][1][1][1][pginfo*][2+7][258][258][0][0][1] ...
+//               \dir's /\free run/ chunk pg \run of colour 7/ not ours
+//
+// Invariants (BSDAllocatorInspector::verify checks each one):
+//  - The directory lies in pages it owns, recorded as a run of colour 0; entries
+//    past lastIndex are 0. A 258 entry follows a 2..258 entry.
+//  - freeRuns is ordered by address; runs are whole pages, never overlap and never
+//    touch (a release merges touching runs); their pages are exactly the 1 entries.
+//    Each record, and spareRun, is an allocated colour-0 chunk of this allocator.
+//  - A chunk page's bitmap has one set bit per free chunk and `free` counts them;
+//    0 <= free < total (a page whose chunks are all free goes back to the runs at
+//    once). chunkLists[c][s] holds exactly the pages of colour c and shift s with
+//    free > 0.
+//  - allocatedByColor[c] = 4096 x (pages of colour c in runs and chunk pages);
+//    allocatedTotal = their sum; internalFreeBytes = bytes in free runs;
+//    freeByColor[c] = sum over chunk pages of colour c of 4096 - allocated chunk
+//    bytes (the bytes a pginfo covers count as free).
+//  These counter identities hold until adjustColorMemory is used or a failed
+//  allocation leaves its early counter changes behind (both kept on purpose).
+//
+// Nothing on the release path allocates pages: a release that needs a new run
+// record and finds neither spareRun nor a free record chunk turns the first page
+// of the run it releases into a page of records. So mapPages (which releases
+// surplus pages and old directories) can never recurse into itself.
+#include <cstdint>
+#include <cstring>
+
+#include "memory/bsdalloc_internal.h"
+#include "zosys.h"
+#include "utils/result.h"
+
+namespace Utils {
+
+using namespace bsd;
+
+// Reports one message to the "allocator" category; defined with the log hub.
+void bsdallocReport(bool error, unsigned int line, char const* text);
+
+namespace {
+
+#define BSD_ERROR(text) bsdallocReport(true, __LINE__, text)
+#define BSD_WARNING(text) bsdallocReport(false, __LINE__, text)
+
+static_assert(BSDAllocator::pginfo::inPage(kRunShift),
+              "a page of run records must carry its own pginfo: turning a released page into one "
+              "must not allocate");
+static_assert(sizeof(BSDAllocator::pginfo) % 4 == 0, "the bitmap follows the record");
+
+inline std::uintptr_t addr(void const* p) { return reinterpret_cast<std::uintptr_t>(p); }
+
+}  // namespace
+
+BSDAllocator::BSDAllocator(Allocator* parent)
+    : parent(parent),
+      originPage(0),
+      lastIndex(0),
+      directory(nullptr),
+      chunkLists{},
+      directorySize(0),
+      freeRuns(nullptr),
+      spareRun(nullptr),
+      colorSlot(-1),
+      freeByColor{},
+      allocatedByColor{},
+      allocatedTotal(0),
+      internalFreeBytes(0),
+      obtainedBytes(0) {}
+
+BSDAllocator::~BSDAllocator() {}
+
+void BSDAllocator::init() {
+    originPage = 0;
+    lastIndex = 0;
+    directory = nullptr;
+    std::memset(chunkLists, 0, sizeof chunkLists);
+    directorySize = 0;
+    freeRuns = nullptr;
+    spareRun = nullptr;
+    std::memset(freeByColor, 0, sizeof freeByColor);
+    std::memset(allocatedByColor, 0, sizeof allocatedByColor);
+    allocatedTotal = 0;
+    internalFreeBytes = 0;
+    obtainedBytes = 0;
+    if (setUp() && !spareRun) spareRun = static_cast<FreeRun*>(imalloc(sizeof(FreeRun), 0));
+    colorSlot = static_cast<int>(ZoIF_AllocateTLSCoop());
+}
+
+// The first region: one page for the directory (more when the parent hands out a
+// region too large for one page of entries); the rest becomes free runs. Failing
+// here leaves the allocator without a directory; the next allocation tries again.
+bool BSDAllocator::setUp() {
+    void* raw = nullptr;
+    unsigned long bytes = 0, got = 0;
+    bool misaligned = false;
+    char* start = parentPages(1, &raw, &bytes, &got, &misaligned);
+    if (misaligned) BSD_ERROR("init - Allocation is not page aligned");
+    if (!start) {
+        BSD_ERROR("parent alloc failed, check limits");
+        return false;
+    }
+    if (got > kMaxDirectoryEntries) got = kMaxDirectoryEntries;
+    obtainedBytes += bytes;
+    unsigned long origin = 0;
+    unsigned long directoryPages = directoryPagesFor(start, got, &origin);
+    adoptRegion(start, got, directoryPages, origin, 0);
+    return true;
+}
+
+// Takes from the parent a region holding at least `pages` whole pages and returns
+// its first page. A region that is not page aligned is given back and asked again
+// one page larger, so that it holds the pages from its first page boundary on:
+// only whole pages inside a region are ever used. Null when the parent fails or
+// hands out less than asked.
+char* BSDAllocator::parentPages(unsigned long pages, void** raw, unsigned long* bytes, unsigned long* got,
+                                bool* misaligned) {
+    *misaligned = false;
+    if (pages >= kMaxDirectoryEntries) return nullptr;
+    unsigned long want = pages << kPageShift;
+    void* r = parent->alloc(want, 0);
+    if (!r) return nullptr;
+    if (addr(r) % kPageSize) {
+        *misaligned = true;
+        parent->free(r);
+        r = parent->alloc(want + kPageSize, 0);
+        if (!r) return nullptr;
+    }
+    unsigned long s = parent->size(r);
+    std::uintptr_t first = (addr(r) + kPageSize - 1) & ~(kPageSize - 1);
+    std::uintptr_t end = (addr(r) + s) & ~(kPageSize - 1);
+    *got = end > first ? (end - first) >> kPageShift : 0;
+    if (*got < pages) {
+        parent->free(r);
+        return nullptr;
+    }
+    *raw = r;
+    *bytes = s;
+    return reinterpret_cast<char*>(first);
+}
+
+// Pages of directory that a region of `got` pages at `start` requires in front of
+// it: 0 when the present directory covers it, ~0 when the span is too large. A
+// directory that must change grows to at least twice its capacity, in whole pages,
+// with the room on the side where the region fell (above for a region past its
+// end, below for one before its origin), so that a parent handing out regions in
+// one direction rarely makes it move. *origin receives its new first page.
+unsigned long BSDAllocator::directoryPagesFor(char const* start, unsigned long got, unsigned long* origin) const {
+    unsigned long first = pageNumber(start), last = first + got - 1;
+    unsigned long lo = first, hi = last;
+    if (directory) {
+        if (first >= originPage && last - originPage < directorySize) return 0;
+        if (originPage < lo) lo = originPage;
+        if (originPage + lastIndex > hi) hi = originPage + lastIndex;
+    }
+    unsigned long entries = hi - lo + 1;
+    if (entries > kMaxDirectoryEntries) return ~0ul;
+    unsigned long capacity = entries;
+    if (2 * directorySize > capacity && 2 * directorySize <= kMaxDirectoryEntries) capacity = 2 * directorySize;
+    capacity = (capacity + kEntriesPerPage - 1) / kEntriesPerPage * kEntriesPerPage;
+    *origin = lo;
+    if (directory && first < originPage) *origin = hi + 1 >= capacity ? hi + 1 - capacity : 0;
+    return capacity / kEntriesPerPage;
+}
+
+void BSDAllocator::markRun(unsigned long index, unsigned long pages, unsigned int color) {
+    directory[index] = kRunFirst + color;
+    for (unsigned long k = 1; k < pages; ++k) directory[index + k] = kRunFollow;
+    allocatedTotal += static_cast<unsigned int>(pages << kPageShift);
+    allocatedByColor[color] += static_cast<unsigned int>(pages << kPageShift);
+}
+
+// Takes a region of `got` pages into the directory: first `directoryPages` pages of
+// new directory (when it must grow or move), then the `pages` asked for (returned,
+// entries still 0: the caller marks them), then the surplus, which is marked as a
+// colour-0 run and released into the free runs. The old directory is released last.
+char* BSDAllocator::adoptRegion(char* start, unsigned long got, unsigned long directoryPages,
+                                unsigned long origin, unsigned long pages) {
+    unsigned long first = pageNumber(start), last = first + got - 1;
+    unsigned long* oldDirectory = directory;
+    if (directoryPages) {
+        unsigned long hi = last;
+        if (oldDirectory && originPage + lastIndex > hi) hi = originPage + lastIndex;
+        unsigned long* grown = reinterpret_cast<unsigned long*>(start);
+        // The whole new directory is cleared, then the old entries are copied to
+        // where their pages now fall: pages between the old span and the region
+        // read 0 (not owned).
+        std::memset(grown, 0, directoryPages << kPageShift);
+        if (oldDirectory)
+            std::memcpy(grown + (originPage - origin), oldDirectory, (lastIndex + 1) * sizeof(unsigned long));
+        directory = grown;
+        directorySize = directoryPages * kEntriesPerPage;
+        originPage = origin;
+        lastIndex = hi - origin;
+        markRun(first - originPage, directoryPages, 0);
+    } else if (last - originPage > lastIndex) {
+        lastIndex = last - originPage;
+    }
+    char* requested = start + (directoryPages << kPageShift);
+    unsigned long surplus = got - directoryPages - pages;
+    if (surplus) {
+        char* extra = requested + (pages << kPageShift);
+        markRun(pageNumber(extra) - originPage, surplus, 0);
+        ifree(extra);
+    }
+    if (directoryPages && oldDirectory) ifree(oldDirectory);
+    return requested;
+}
+
+void* BSDAllocator::mapPages(unsigned long pages) {
+    unsigned long directoryPages = 0;
+    // A region that needs a larger directory than it has room for is given back and
+    // asked again with room; a parent that keeps moving its regions far away ends
+    // this after a few tries.
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        void* raw = nullptr;
+        unsigned long bytes = 0, got = 0;
+        bool misaligned = false;
+        char* start = parentPages(pages + directoryPages, &raw, &bytes, &got, &misaligned);
+        if (misaligned) BSD_ERROR("Allocation is not page aligned");
+        if (!start) break;
+        unsigned long origin = 0;
+        unsigned long need = directoryPagesFor(start, got, &origin);
+        if (need == ~0ul) {
+            parent->free(raw);
+            break;
+        }
+        if (got < pages + need) {
+            parent->free(raw);
+            directoryPages = need;
+            continue;
+        }
+        obtainedBytes += bytes;
+        return adoptRegion(start, got, need, origin, pages);
+    }
+    BSD_ERROR("Failed to map new pages: Out of Memory");
+    return nullptr;
+}
+
+void* BSDAllocator::allocPages(unsigned long size, unsigned int color) {
+    unsigned long pages = (size >> kPageShift) + ((size & (kPageSize - 1)) != 0);
+    unsigned int bytes = static_cast<unsigned int>(pages << kPageShift);  // the counters are 32-bit
+    char* p = nullptr;
+    FreeRun* unlinked = nullptr;
+    for (FreeRun* r = freeRuns; r; r = r->next) {
+        if ((r->size >> kPageShift) < pages) continue;
+        p = r->start;
+        if ((r->size >> kPageShift) == pages) {
+            *r->prev = r->next;
+            if (r->next) r->next->prev = r->prev;
+            unlinked = r;
+        } else {
+            r->start += pages << kPageShift;
+            r->size -= pages << kPageShift;
+        }
+        internalFreeBytes -= bytes;
+        break;
+    }
+    // Counted before mapping, so also when mapping fails (kept).
+    allocatedTotal += bytes;
+    allocatedByColor[color] += bytes;
+    if (!p) {
+        p = static_cast<char*>(mapPages(pages));
+        if (!p) return nullptr;
+    }
+    unsigned long index = pageNumber(p) - originPage;
+    directory[index] = kRunFirst + color;
+    for (unsigned long k = 1; k < pages; ++k) directory[index + k] = kRunFollow;
+    if (unlinked) releaseRecord(unlinked);
+    return p;
+}
+
+void BSDAllocator::releaseRecord(FreeRun* run) {
+    if (!spareRun)
+        spareRun = run;
+    else
+        ifree(run);
+}
+
+// Where a run [start, end) goes in the list: *at is the first run that ends at or
+// after start, or the last run when all end before it.
+BSDAllocator::Place BSDAllocator::placeRun(char* start, char* end, FreeRun** at) const {
+    FreeRun* r = freeRuns;
+    while (r && r->end < start && r->next) r = r->next;
+    *at = r;
+    if (!r) return Place::Empty;
+    if (r->start > end) return Place::Before;
+    if (r->end == start) return Place::Append;
+    if (r->start == end) return Place::Prepend;
+    if (r->end < start) return Place::Tail;
+    return Place::Broken;  // overlaps a run: the list and the directory disagree
+}
+
+void BSDAllocator::insertRun(char* start, char* end, Place place, FreeRun* at) {
+    unsigned long size = static_cast<unsigned long>(end - start);
+    if (place == Place::Prepend) {
+        at->start = start;
+        at->size += size;
+        return;
+    }
+    if (place == Place::Append) {
+        at->end = end;
+        at->size += size;
+        FreeRun* next = at->next;
+        if (next && next->start == at->end) {
+            at->end = next->end;
+            at->size += next->size;
+            at->next = next->next;
+            if (next->next) next->next->prev = &at->next;
+            releaseRecord(next);
+        }
+        return;
+    }
+    FreeRun* rec = spareRun;
+    spareRun = nullptr;
+    rec->start = start;
+    rec->end = end;
+    rec->size = size;
+    if (place == Place::Empty) {
+        rec->next = nullptr;
+        rec->prev = &freeRuns;
+        freeRuns = rec;
+    } else if (place == Place::Before) {
+        rec->next = at;
+        rec->prev = at->prev;
+        *at->prev = rec;
+        at->prev = &rec->next;
+    } else {  // Tail
+        rec->next = nullptr;
+        rec->prev = &at->next;
+        at->next = rec;
+    }
+}
+
+void BSDAllocator::freePages(void* ptr, unsigned long index, unsigned long entry) {
+    if (entry == kFreePage) {
+        BSD_WARNING("page is already free");
+        return;
+    }
+    if (entry < kRunFirst || entry >= kRunFollow) {
+        BSD_WARNING("pointer to wrong page");
+        return;
+    }
+    if (addr(ptr) % kPageSize) {
+        BSD_WARNING("modified (page-) pointer");
+        return;
+    }
+    unsigned int color = static_cast<unsigned int>(entry - kRunFirst);
+    unsigned long pages = 1;
+    while (index + pages <= lastIndex && directory[index + pages] == kRunFollow) ++pages;
+    char* start = static_cast<char*>(ptr);
+    char* end = start + (pages << kPageShift);
+    for (unsigned long k = 0; k < pages; ++k) directory[index + k] = kFreePage;
+    allocatedTotal -= static_cast<unsigned int>(pages << kPageShift);
+    allocatedByColor[color] -= static_cast<unsigned int>(pages << kPageShift);
+
+    FreeRun* at = nullptr;
+    Place place = placeRun(start, end, &at);
+    if (place == Place::Broken) {
+        BSD_ERROR("freelist is destroyed");
+        return;
+    }
+    bool needsRecord = place == Place::Empty || place == Place::Before || place == Place::Tail;
+    if (needsRecord && !spareRun) {
+        if (!chunkLists[0][kRunShift]) {
+            // No record chunk is free, and getting one must not allocate pages: the
+            // run's first page becomes a page of records. The run keeps its place.
+            pginfo* info = reinterpret_cast<pginfo*>(start);
+            directory[index] = reinterpret_cast<unsigned long>(info);
+            allocatedTotal += static_cast<unsigned int>(kPageSize);
+            allocatedByColor[0] += static_cast<unsigned int>(kPageSize);
+            adoptChunkPage(start, info, kRunShift, 0);
+            start += kPageSize;
+        }
+        spareRun = static_cast<FreeRun*>(allocBytes(sizeof(FreeRun), 0));
+        if (start == end) return;
+    }
+    internalFreeBytes += static_cast<unsigned int>(end - start);
+    insertRun(start, end, place, at);
+}
+
+void BSDAllocator::adoptChunkPage(char* page, pginfo* info, unsigned int shift, unsigned int color) {
+    unsigned int n = static_cast<unsigned int>(kPageSize >> shift);
+    info->page = page;
+    info->size = static_cast<std::uint16_t>(1u << shift);
+    info->shift = static_cast<std::uint8_t>(shift);
+    info->color = static_cast<std::uint8_t>(color);
+    std::uint32_t* bits = info->bits();
+    for (unsigned int w = 0; w < (n + 31) / 32; ++w) bits[w] = n - 32 * w >= 32 ? ~0u : (1u << (n - 32 * w)) - 1;
+    unsigned int covered = n - pginfo::chunksPerPage(shift);
+    if (reinterpret_cast<char*>(info) == page)
+        for (unsigned int k = 0; k < covered; ++k) bits[k / 32] &= ~(1u << (k % 32));
+    info->total = static_cast<std::uint16_t>(pginfo::chunksPerPage(shift));
+    info->free = info->total;
+    info->next = chunkLists[color][shift];
+    chunkLists[color][shift] = info;
+    freeByColor[color] += static_cast<unsigned int>(kPageSize);
+}
+
+bool BSDAllocator::makeChunks(unsigned int shift, unsigned int color) {
+    char* page = static_cast<char*>(allocPages(kPageSize, color));
+    if (!page) return false;
+    pginfo* info;
+    if (pginfo::inPage(shift)) {
+        info = reinterpret_cast<pginfo*>(page);
+    } else {
+        // Kept in colour 0 with the other bookkeeping (run records).
+        info = static_cast<pginfo*>(imalloc(pginfo::bytesFor(shift), 0));
+        if (!info) {
+            ifree(page);
+            return false;
+        }
+    }
+    directory[pageNumber(page) - originPage] = reinterpret_cast<unsigned long>(info);
+    adoptChunkPage(page, info, shift, color);
+    return true;
+}
+
+void* BSDAllocator::allocBytes(unsigned long size, unsigned int color) {
+    unsigned int shift = shiftFor(size);
+    // Taken before anything can fail, and kept when it does.
+    freeByColor[color] -= 1u << shift;
+    if (!chunkLists[color][shift] && !makeChunks(shift, color)) return nullptr;
+    pginfo* info = chunkLists[color][shift];
+    std::uint32_t* bits = info->bits();
+    unsigned int w = 0;
+    while (!bits[w]) ++w;
+    unsigned int b = static_cast<unsigned int>(__builtin_ctz(bits[w]));
+    bits[w] &= ~(1u << b);
+    if (--info->free == 0) chunkLists[color][shift] = info->next;
+    return info->page + (static_cast<unsigned long>(32 * w + b) << shift);
+}
+
+void BSDAllocator::freeBytes(void* p, unsigned long index, pginfo* info) {
+    unsigned int k = static_cast<unsigned int>((addr(p) % kPageSize) >> info->shift);
+    info->bits()[k / 32] |= 1u << (k % 32);
+    ++info->free;
+    freeByColor[info->color] += info->size;
+    pginfo** head = &chunkLists[info->color][info->shift];
+    if (info->free == 1) {
+        pginfo** at = head;
+        while (*at && (*at)->page < info->page) at = &(*at)->next;
+        info->next = *at;
+        *at = info;
+    }
+    if (info->free == info->total) {
+        pginfo** at = head;
+        while (*at != info) at = &(*at)->next;
+        *at = info->next;
+        directory[index] = kRunFirst + info->color;
+        // The page leaves the colour's chunk pages: take back what makeChunks added,
+        // so that the counter keeps meaning free chunk bytes.
+        freeByColor[info->color] -= static_cast<unsigned int>(kPageSize);
+        char* page = info->page;
+        if (reinterpret_cast<char*>(info) != page) ifree(info);
+        ifree(page);
+    }
+}
+
+void* BSDAllocator::imalloc(unsigned long size, unsigned int color) {
+    color &= kColors - 1;
+    if (!directory && !setUp()) return nullptr;
+    return size <= kMaxChunk ? allocBytes(size, color) : allocPages(size, color);
+}
+
+void BSDAllocator::ifree(void* p) {
+    unsigned long index = pageNumber(p) - originPage;
+    unsigned long entry = inDirectory(index) ? directory[index] : kNotOwned;
+    if (entry > kRunFollow)
+        freeBytes(p, index, reinterpret_cast<pginfo*>(entry));
+    else
+        freePages(p, index, entry);
+}
+
+void* BSDAllocator::alloc(unsigned long size) {
+    return imalloc(size, ZoIF_GetTLSCoop(static_cast<unsigned int>(colorSlot)));
+}
+
+void* BSDAllocator::alloc(unsigned long size, unsigned int color) { return imalloc(size, color); }
+
+void BSDAllocator::free(void* p) {
+    if (p) ifree(p);
+}
+
+unsigned long BSDAllocator::size(void* p) const {
+    if (!p) return 0;
+    // Unsigned: an address below the origin wraps to a large index.
+    unsigned long index = pageNumber(p) - originPage;
+    if (!inDirectory(index)) {
+        BSD_WARNING("junk pointer, too high to make sense");
+        return 0;
+    }
+    unsigned long entry = directory[index];
+    if (entry > kRunFollow) return reinterpret_cast<pginfo*>(entry)->size;
+    if (entry < kRunFirst) return 0;
+    unsigned long pages = 1;
+    while (index + pages <= lastIndex && directory[index + pages] == kRunFollow) ++pages;
+    return pages << kPageShift;
+}
+
+unsigned int BSDAllocator::color(void* p) const {
+    if (!p) return 0;
+    unsigned long index = pageNumber(p) - originPage;
+    if (!inDirectory(index)) {
+        BSD_WARNING("junk pointer, too high to make sense");
+        return 0;
+    }
+    unsigned long entry = directory[index];
+    if (entry > kRunFollow) return reinterpret_cast<pginfo*>(entry)->color;
+    if (entry < kRunFirst) return 0;
+    // A following page answers for its run.
+    while (entry == kRunFollow) entry = directory[--index];
+    return static_cast<unsigned int>(entry - kRunFirst);
+}
+
+unsigned int BSDAllocator::setColor(void*, unsigned int) { return raiseError(kResultFailure); }
+
+bool BSDAllocator::valid(void* p) const {
+    if (!p) return false;
+    unsigned long index = pageNumber(p) - originPage;
+    if (!inDirectory(index)) return false;
+    unsigned long entry = directory[index];
+    if (entry > kRunFollow) {
+        pginfo const* info = reinterpret_cast<pginfo const*>(entry);
+        if (addr(p) % info->size) return false;
+        unsigned int k = static_cast<unsigned int>((addr(p) % kPageSize) >> info->shift);
+        // kept: a set bit means free, so this answers true for a free chunk.
+        return (info->bits()[k / 32] >> (k % 32)) & 1;
+    }
+    return entry >= kRunFirst;
+}
+
+unsigned int BSDAllocator::setDefaultColor(unsigned int color, unsigned int* previous) {
+    if (previous) *previous = defaultColor();
+    ZoIF_SetTLSCoop(static_cast<unsigned int>(colorSlot), color);
+    return 0;
+}
+
+unsigned int BSDAllocator::defaultColor() const {
+    return colorSlot < 0 ? 0 : ZoIF_GetTLSCoop(static_cast<unsigned int>(colorSlot));
+}
+
+unsigned long BSDAllocator::allocatedColorMemory(unsigned int color) const {
+    return color > kColors ? 0 : allocatedByColor[color];
+}
+
+unsigned long BSDAllocator::freeColorMemory(unsigned int color) const {
+    return color > kColors ? 0 : freeByColor[color];
+}
+
+void BSDAllocator::adjustColorMemory(unsigned int color, int delta) {
+    if (color <= kColors) allocatedByColor[color] += static_cast<unsigned int>(delta);
+}
+
+unsigned long BSDAllocator::allocatedMemory() const { return allocatedTotal; }
+
+unsigned long BSDAllocator::internalFree() const { return internalFreeBytes; }
+
+void BSDAllocator::checkCounts() {}
+
+}  // namespace Utils
