@@ -10,6 +10,7 @@ int main() {
     tourObjects();
     tourContainers();
     tourSync();
+    tourPageAlloc();
     std::printf("\nEnd of the tour.\n");
     return 0;
 }

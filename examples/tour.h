@@ -5,3 +5,4 @@ void tourSystemLayer();
 void tourObjects();
 void tourSync();
 void tourContainers();
+void tourPageAlloc();

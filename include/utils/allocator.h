@@ -91,6 +91,11 @@ private:
 // 256 colours, so memory of two colours never shares a page. Memory taken from the
 // parent is never given back.
 //
+// The parent should hand out page-aligned regions. One that does not (the process
+// allocator, Allocator::theAllocator(), aligns to 16 bytes) still works: each such
+// region is logged as "Allocation is not page aligned", given back, and asked again
+// one page larger, and only the whole pages inside it are used.
+//
 // Misuse found on release, and parent trouble, are reported to the log category
 // "allocator" (allocLogger) with the source name "bsdalloc"; nothing raises an
 // error except setColor.

@@ -1,0 +1,50 @@
+// Tour: the page allocator and the simple allocator, the two allocators that
+// applications make for themselves.
+#include <malloc.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "tour.h"
+#include "utils/allocator.h"
+
+namespace {
+
+// A parent that hands out page-aligned regions from the C library.
+class AlignedParent : public Utils::Allocator {
+public:
+    void* alloc(unsigned long size) override { return std::aligned_alloc(4096, (size + 4095) & ~4095ul); }
+    void free(void* p) override { std::free(p); }
+    unsigned long size(void* p) const override { return malloc_usable_size(p); }
+    unsigned long allocatedMemory() const override { return 0; }
+    unsigned long internalFree() const override { return 0; }
+};
+
+}  // namespace
+
+void tourPageAlloc() {
+    std::printf("\n-- Page allocator --\n");
+    AlignedParent parent;
+    Utils::BSDAllocator pages(&parent);
+    pages.init();
+    void* small = pages.alloc(100, 3);    // a 128-byte chunk on a page of colour 3
+    void* large = pages.alloc(10000, 3);  // a run of three pages
+    std::printf("alloc(100): chunk of %lu bytes; alloc(10000): run of %lu bytes\n", pages.size(small),
+                pages.size(large));
+    std::printf("colour 3 holds %lu bytes of pages, %lu of them in free chunks\n", pages.allocatedColorMemory(3),
+                pages.freeColorMemory(3));
+    pages.free(small);
+    pages.free(large);
+    std::printf("after release: colour 3 holds %lu bytes; %lu bytes wait in free runs\n",
+                pages.allocatedColorMemory(3), pages.internalFree());
+
+    std::printf("\n-- Simple allocator --\n");
+    Utils::SimpleAllocator simple;
+    simple.setDefaultColor(7, nullptr);
+    void* block = simple.alloc(57);
+    std::printf("alloc(57): %lu usable bytes, 64-byte aligned: %s, colour %u (defaultColor() still says %u)\n",
+                simple.size(block), reinterpret_cast<unsigned long>(block) % 64 == 0 ? "yes" : "no",
+                simple.color(block), simple.defaultColor());
+    simple.free(block);
+    std::printf("after release: %lu bytes allocated\n", simple.allocatedMemory());
+}
