@@ -572,6 +572,27 @@ TEST_F(BSDAllocatorTest, RegionsTooFarApartForOneDirectoryAreRefused) {
     EXPECT_EQ(parent.frees, 1u);
 }
 
+TEST_F(BSDAllocatorTest, APageAllocatorServesAsAnotherOnesParent) {
+    TestParent parent;
+    BSDAllocator outer(&parent);
+    outer.init();
+    BSDAllocator inner(&outer);
+    inner.init();
+    std::vector<char*> blocks;
+    for (int k = 0; k < 200; ++k) {
+        char* p = static_cast<char*>(inner.alloc(static_cast<unsigned long>(k) * 97 % 9000, 1));
+        ASSERT_NE(p, nullptr);
+        blocks.push_back(p);
+    }
+    VERIFY(inner);
+    VERIFY(outer);
+    for (char* p : blocks) inner.free(p);
+    VERIFY(inner);
+    VERIFY(outer);
+    EXPECT_EQ(inner.allocatedColorMemory(1), 0u);
+    EXPECT_GT(outer.allocatedMemory(), inner.allocatedMemory());
+}
+
 // ---------------------------------------------------------------------------
 // Queries
 // ---------------------------------------------------------------------------
