@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <random>
@@ -14,16 +17,13 @@
 #include "knobs.h"
 #include "memory/bsdalloc_internal.h"
 #include "utils/allocator.h"
+#include "utils/log.h"
 #include "utils/result.h"
 
 using Utils::Allocator;
 using Utils::BSDAllocator;
 using Inspect = Utils::BSDAllocatorInspector;
 namespace bsd = Utils::bsd;
-
-namespace Utils {
-std::vector<std::string>& bsdallocShimLog();
-}
 
 namespace {
 
@@ -102,20 +102,65 @@ private:
     std::map<char*, unsigned long> blocks;
 };
 
+// A sink that keeps every line it is handed.
+class CaptureSink : public Utils::Logger {
+public:
+    int print(Utils::MessageClass c, char const* format, va_list args) override ZO_PRINTF(3, 0) {
+        char line[600];
+        std::vsnprintf(line, sizeof line, format, args);
+        lines.push_back({c, line});
+        return 0;
+    }
+    std::vector<std::pair<Utils::MessageClass, std::string>> lines;
+};
+
+// Installs a CaptureSink for all four classes with the source position in the
+// header; puts the previous sinks and verbosity back when it ends.
+class Capture {
+public:
+    Capture() {
+        Utils::Log* log = Utils::Log::theLog();
+        for (int c = 0; c < 4; ++c) previous[c] = log->logger(static_cast<Utils::MessageClass>(c));
+        verbosity = log->verbosity(Utils::allocLogger);
+        sink = new CaptureSink;
+        log->setLogger(sink);
+        log->setVerbosity(1);
+    }
+    ~Capture() {
+        Utils::Log* log = Utils::Log::theLog();
+        log->setVerbosity(verbosity);
+        for (int c = 0; c < 4; ++c) log->setLogger(static_cast<Utils::MessageClass>(c), previous[c].get());
+    }
+    CaptureSink* sink;
+
+private:
+    Utils::CountedRef<Utils::Logger> previous[4];
+    unsigned int verbosity;
+};
+
+Capture* capture = nullptr;
+
 struct Message {
     bool error;
     std::string text;
 };
 
+// The allocator's lines since the last call, checked for their header: class
+// without a level in brackets (the levels are negative), the category
+// "allocator", the source name "bsdalloc" with a line number.
 std::vector<Message> takeMessages() {
     std::vector<Message> out;
-    for (std::string const& s : Utils::bsdallocShimLog()) {
-        if (s.rfind("raise|", 0) == 0) continue;
-        bool error = s.rfind("error|", 0) == 0;
-        std::string rest = s.substr(s.find('|') + 1);
-        out.push_back({error, rest.substr(rest.find('|') + 1)});
+    for (auto const& [c, line] : capture->sink->lines) {
+        if (line.find("|allocator|") == std::string::npos) continue;  // e.g. a raised error in "utils"
+        EXPECT_TRUE(c == Utils::MessageError || c == Utils::MessageWarning) << line;
+        std::string head = (c == Utils::MessageError ? "error" : "warning") + std::string("|allocator|bsdalloc:");
+        EXPECT_EQ(line.rfind(head, 0), 0u) << line;
+        std::size_t bar = line.find('|', head.size());
+        EXPECT_NE(bar, std::string::npos) << line;
+        EXPECT_GT(std::atoi(line.c_str() + head.size()), 0) << line;
+        out.push_back({c == Utils::MessageError, line.substr(bar + 1)});
     }
-    Utils::bsdallocShimLog().clear();
+    capture->sink->lines.clear();
     return out;
 }
 
@@ -137,8 +182,12 @@ char* page(void* p) { return reinterpret_cast<char*>(reinterpret_cast<std::uintp
 
 class BSDAllocatorTest : public ::testing::Test {
 protected:
-    void SetUp() override { takeMessages(); }
-    void TearDown() override { expectNoMessage(); }
+    void SetUp() override { capture = new Capture; }
+    void TearDown() override {
+        expectNoMessage();
+        delete capture;
+        capture = nullptr;
+    }
 };
 
 }  // namespace
@@ -675,8 +724,11 @@ TEST_F(BSDAllocatorTest, SetColorRaisesFailure) {
     BSDAllocator a(&parent);
     a.init();
     void* p = a.alloc(32, 4);
+    Utils::clearError();
     EXPECT_EQ(a.setColor(p, 9), 0x80000000u);
+    EXPECT_EQ(Utils::lastError(), 0x80000000u);
     EXPECT_EQ(a.color(p), 4u);
+    Utils::clearError();
 }
 
 TEST_F(BSDAllocatorTest, SetDefaultColorStoresThePreviousFirst) {

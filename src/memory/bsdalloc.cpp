@@ -38,20 +38,25 @@
 #include <cstring>
 
 #include "memory/bsdalloc_internal.h"
-#include "zosys.h"
+#include "utils/log.h"
 #include "utils/result.h"
+#include "zosys.h"
 
 namespace Utils {
 
 using namespace bsd;
 
-// Reports one message to the "allocator" category; defined with the log hub.
-void bsdallocReport(bool error, unsigned int line, char const* text);
-
 namespace {
 
-#define BSD_ERROR(text) bsdallocReport(true, __LINE__, text)
-#define BSD_WARNING(text) bsdallocReport(false, __LINE__, text)
+// One message to the "allocator" category under the source name "bsdalloc" and the
+// line of the call: errors at level -3, warnings at -2. Nothing here holds a lock
+// while logging (the allocator has none), so the hub may allocate freely.
+void report(MessageClass c, unsigned int line, char const* text) {
+    LineLogLevel(c, c == MessageError ? -3 : -2, "bsdalloc", line).print(allocLogger, "%s", text);
+}
+
+#define BSD_ERROR(text) report(MessageError, __LINE__, text)
+#define BSD_WARNING(text) report(MessageWarning, __LINE__, text)
 
 static_assert(BSDAllocator::pginfo::inPage(kRunShift),
               "a page of run records must carry its own pginfo: turning a released page into one "
