@@ -11,7 +11,9 @@
  *    at any time, concurrently.
  *  - Handles (mutex, critical section, event, cooperative event, file) are one
  *    32-bit word that callers store and hand back unchanged. For files, -1 means
- *    "no file". Other handles are never 0xFFFFFFFF.
+ *    "no file". Other handles are never 0xFFFFFFFF; a create that fails returns 0,
+ *    which every other function refuses (EINVAL; a timed wait returns 0). A
+ *    destroyed handle may be handed out again by a later create.
  *  - Statuses of set/reset/wait/enter/exit/close/flush/write: 0 for success,
  *    nonzero for failure (an errno value where one exists).
  *  - Time is in seconds, as a double, everywhere: the timeouts of the timed waits
@@ -22,15 +24,16 @@
  *  - ZoIF_CurrentTaskId is the kernel thread id (gettid), never -1; a forked
  *    child reads its own id.
  *  - ZoIF_CurrentTaskIdCoop is a per-thread serial number from 1, handed out on a
- *    thread's first call, never reused within the process and never -1.
+ *    thread's first call, never reused within the process and never -1 (for the
+ *    first 2^31 - 1 threads of a process).
  *  - Both are callable before any lock exists and never allocate.
  *
  * Cooperative thread-local storage
  *  - ZoIF_AllocateTLSCoop hands out slot indices 0 to 255 from a fixed table, then
  *    0xFFFFFFFF (an invalid slot). A slot never set in a thread, or an invalid
- *    slot, reads 0; setting an invalid slot returns EINVAL and changes nothing. Get/Set never call operator new
- *    or malloc and work before any lock exists (the process allocator uses them
- *    while it is being built).
+ *    slot, reads 0; setting an invalid slot returns EINVAL and changes nothing.
+ *    Get/Set never call operator new or malloc and work before any lock exists
+ *    (the process allocator uses them while it is being built).
  *
  * Locks and events
  *  - Mutexes and critical sections are recursive: the owning thread may enter
@@ -57,8 +60,11 @@
  *
  * Files
  *  - ZoIF_Open flags: 2 opens for writing and truncates (creating the file),
- *    4 opens for appending (creating it). Mode argument 1 means "create with mode
- *    0640". Descriptors close on exec. Writes loop over partial writes.
+ *    4 opens for appending (creating it); any other flag value fails. Mode
+ *    argument 1 means "create with mode 0640" (less the umask); any other mode
+ *    opens only an existing file. Descriptors close on exec. Writes loop over
+ *    partial writes and interruptions. ZoIF_Flush has nothing to do (writes go
+ *    straight to the kernel) and returns 0 for an open file.
  *
  * Configuration
  *  - Sources of a key, most important first; the first acceptable value wins:
