@@ -787,6 +787,35 @@ TEST_F(Config, SystemDirectoriesDefaultToEtcXdg) {
     EXPECT_NE(err.find("/etc/xdg/zoutils/zoutils.conf"), std::string::npos) << err;
 }
 
+TEST_F(Config, SystemDirectoryListSkipsEmptyAndRelativeEntries) {
+    setenv("XDG_CONFIG_DIRS", (":relative/dir::" + dir + "/sys2:").c_str(), 1);
+    writeFile(systemFile(2), "ZoTest.Value = 22\n");
+    setenv("ZOSYS_CONFIG_DEBUG", "1", 1);
+    testing::internal::CaptureStderr();
+    int v = readValue();
+    int u = 0;
+    ZoIF_GetConfigNumber("ZoTest.Absent", &u);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(v, 22);
+    EXPECT_EQ(err.find("relative/dir"), std::string::npos) << err;
+}
+
+TEST_F(Config, EmptyNamedFileVariableIsIgnored) {
+    setenv("ZOSYS_CONFIG", "", 1);
+    writeFile(userFile(), "ZoTest.Value = 9\n");
+    testing::internal::CaptureStderr();
+    int v = readValue();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(v, 9);
+}
+
+TEST_F(Config, ValueMayContainEqualsSigns) {
+    writeFile(userFile(), "ZoTest.Text = a=b = c\n");
+    char buf[32];
+    ASSERT_EQ(ZoIF_GetConfigString("ZoTest.Text", buf, sizeof buf), 0);
+    EXPECT_STREQ(buf, "a=b = c");
+}
+
 TEST_F(Config, CommentsWhitespaceAndCase) {
     writeFile(userFile(),
               "# a comment line\n"
