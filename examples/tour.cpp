@@ -11,6 +11,7 @@ int main() {
     tourContainers();
     tourSync();
     tourPageAlloc();
+    tourLog();
     std::printf("\nEnd of the tour.\n");
     return 0;
 }

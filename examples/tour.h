@@ -6,3 +6,4 @@ void tourObjects();
 void tourSync();
 void tourContainers();
 void tourPageAlloc();
+void tourLog();

@@ -103,7 +103,8 @@ private:
 // result returned; otherwise the result of printing the "\n".
 class ZO_API StdLogger : public Logger {
 public:
-    enum Channel { StdOut = 0, StdErr = 1 };
+    // Any value other than StdOut selects standard error.
+    enum Channel : int { StdOut = 0, StdErr = 1 };
     explicit StdLogger(Channel ch);
     int print(MessageClass c, char const* format, va_list args) override ZO_PRINTF(3, 0);
 
@@ -194,7 +195,10 @@ class ZO_API Log : public Object {
 public:
     // The process's hub, built on first call (reading the configuration) and never
     // destroyed. The library's own load-time initialiser makes the first call.
-    static Log* theLog();
+    static Log* theLog() {
+        Log* hub = __atomic_load_n(&theLog_, __ATOMIC_ACQUIRE);
+        return hub ? hub : makeTheLog();
+    }
 
     // Builds a hub: the four classes "error", "warning", "info", "debug" on the
     // default sink, categories disabled at level 0 and verbosity 0 by default, then
@@ -277,7 +281,15 @@ public:
     // The filter rule: false for an unknown category or a class without sink; true
     // for error, warning and info; for debug, true when the category is enabled and
     // `level` is at most its level. Takes no lock.
-    bool willPrint(MessageClass c, unsigned int cat, int level) const;
+    // Inline: a filtered call costs a few loads and no call.
+    bool willPrint(MessageClass c, unsigned int cat, int level) const {
+        if (cat >= catCount.load(std::memory_order_acquire)) return false;
+        if (static_cast<unsigned int>(c) > MessageDebug) return false;
+        if (!sinks[c].load(std::memory_order_relaxed)) return false;
+        if (c != MessageDebug) return true;
+        LogCat const* k = this->cat(cat);
+        return k->enabled.load(std::memory_order_relaxed) && level <= k->level.load(std::memory_order_relaxed);
+    }
     // The same by name (creating the category on first use).
     bool willPrint(MessageClass c, char const* catName, int level);
 
@@ -290,9 +302,16 @@ public:
     static CountedRef<Logger> theDefaultLogger_;
 
 private:
-    LogCat* cat(unsigned int n) const;
-    unsigned int findCategory(char const* name, unsigned int from, unsigned int to) const;
+    static Log* makeTheLog();
+    // Category n, n below catCount: segment s holds the 16 << s numbers from
+    // 16 * (2^s - 1) on.
+    LogCat* cat(unsigned int n) const {
+        unsigned int segment = 31u - static_cast<unsigned int>(__builtin_clz(n / 16 + 1));
+        return catSegments[segment].load(std::memory_order_relaxed)[n - 16u * ((1u << segment) - 1u)];
+    }
+    unsigned int findCategory(char const* name) const;
     unsigned int createCategory(char const* name);
+    void indexName(unsigned int n);
     Logger* acquireLogger(MessageClass c);
 
     Vector<LogCat*> categories;  // owner of the categories; written under `lock`
@@ -309,6 +328,9 @@ private:
     std::atomic<unsigned int> catCount;
     // Mirror of each class's sink for the lock-free filter.
     std::atomic<Logger*> sinks[4];
+    // Hash index from names to numbers (an open-addressing table, see log.cpp),
+    // replaced under the lock as it fills; readers probe it without a lock.
+    std::atomic<void*> nameIndex;
     // Serialises category creation and the global setters.
     mutable std::mutex lock;
 };
@@ -363,8 +385,10 @@ public:
 
 }  // namespace Utils
 
-// Call-site helpers. The category is a number (unsigned int) or a name; the
-// arguments are evaluated even when the line is filtered out.
+// Call-site helpers. The category is a number (unsigned int) or a name. The
+// arguments of ZO_LOG_DEBUG are evaluated only when the line passes the filter
+// (its cat and level expressions are evaluated twice then); the other three always
+// print while their class has a sink.
 //   ZO_LOG_ERROR(cat, "open %s failed", path);     error class, level -3
 //   ZO_LOG_WARNING(cat, "retrying %d", n);         warning class, level -2
 //   ZO_LOG_INFO(cat, "ready");                     info class, level -1
@@ -374,4 +398,7 @@ public:
 #define ZO_LOG_ERROR(cat, ...) ZO_LINELOG_LEVEL(::Utils::MessageError, -3).print((cat), __VA_ARGS__)
 #define ZO_LOG_WARNING(cat, ...) ZO_LINELOG_LEVEL(::Utils::MessageWarning, -2).print((cat), __VA_ARGS__)
 #define ZO_LOG_INFO(cat, ...) ZO_LINELOG_LEVEL(::Utils::MessageInfo, -1).print((cat), __VA_ARGS__)
-#define ZO_LOG_DEBUG(cat, level, ...) ZO_LINELOG(::Utils::MessageDebug).print((cat), (level), __VA_ARGS__)
+#define ZO_LOG_DEBUG(cat, level, ...)                                                       \
+    (::Utils::Log::theLog()->willPrint(::Utils::MessageDebug, (cat), (level))                \
+         ? ZO_LINELOG(::Utils::MessageDebug).print((cat), (level), __VA_ARGS__)              \
+         : 0)

@@ -9,6 +9,10 @@
 //    order and touch only entries below it.
 //  - A category's name never changes after creation; its enabled flag, level and
 //    verbosity are atomics, read by the filter without a lock.
+//  - Names are unique, so the name index (a hash table filled under the hub lock
+//    after the category is published, probed without a lock) gives the same number
+//    as a walk of the categories from 0. A name missing from the index is looked up
+//    again under the lock before it is created.
 //  - classes has exactly four entries from construction on and is never resized,
 //    so its array does not move; its line counters are updated atomically.
 //  - Every reference count change of a sink made by the hub or by LogClass happens
@@ -65,6 +69,51 @@ Logger* replaceLocked(CountedRef<Logger>& slot, Logger* l) {
     slot = l;
     return old && old->decRef() == 0 ? old : nullptr;
 }
+
+constexpr unsigned int kNoCategory = 0xFFFFFFFFu;
+
+// The name index: an open-addressing table with linear probing. A slot holds
+// (hash << 32) | (number + 1), 0 when empty; slots are filled under the hub lock
+// and never changed afterwards, so readers probe without a lock. A table is at most
+// half full; a fuller one is replaced, and replaced tables are kept (linked by
+// `retired`) until the hub is destroyed.
+struct NameIndex {
+    static unsigned int hash(char const* s) {
+        unsigned int h = 2166136261u;  // FNV-1a
+        for (; *s; ++s) h = (h ^ static_cast<unsigned char>(*s)) * 16777619u;
+        return h;
+    }
+    static NameIndex* make(unsigned int size, NameIndex* retired) {
+        void* raw = ::operator new(sizeof(NameIndex) + size * sizeof(std::atomic<unsigned long>), std::nothrow);
+        if (!raw) return nullptr;
+        NameIndex* index = static_cast<NameIndex*>(raw);
+        index->mask = size - 1;
+        index->retired = retired;
+        for (unsigned int i = 0; i < size; ++i) new (&index->slots()[i]) std::atomic<unsigned long>(0);
+        return index;
+    }
+    static void release(NameIndex* index) {
+        while (index) {
+            NameIndex* next = index->retired;
+            ::operator delete(index);
+            index = next;
+        }
+    }
+    void insert(unsigned int h, unsigned int n) {
+        unsigned int i = h & mask;
+        while (slots()[i].load(std::memory_order_relaxed)) i = (i + 1) & mask;
+        slots()[i].store((static_cast<unsigned long>(h) << 32) | (n + 1ul), std::memory_order_release);
+    }
+
+    // The mask + 1 slots follow the header.
+    std::atomic<unsigned long>* slots() { return reinterpret_cast<std::atomic<unsigned long>*>(this + 1); }
+    std::atomic<unsigned long> const* slots() const {
+        return reinterpret_cast<std::atomic<unsigned long> const*>(this + 1);
+    }
+
+    unsigned int mask;
+    NameIndex* retired;
+};
 
 void segmentOf(unsigned int n, unsigned int& segment, unsigned int& offset) {
     unsigned int q = n / 16 + 1;
@@ -173,11 +222,9 @@ TemplOps const templOpsLogClass = {static_cast<unsigned int>(sizeof(LogClass)),
 // The hub
 // ---------------------------------------------------------------------------
 
-Log* Log::theLog() {
-    Log* hub = __atomic_load_n(&theLog_, __ATOMIC_ACQUIRE);
-    if (hub) return hub;
+Log* Log::makeTheLog() {
     HeldLock g(gCreateLock);
-    hub = __atomic_load_n(&theLog_, __ATOMIC_RELAXED);
+    Log* hub = __atomic_load_n(&theLog_, __ATOMIC_RELAXED);
     if (!hub) {
         hub = new Log;
         __atomic_store_n(&theLog_, hub, __ATOMIC_RELEASE);
@@ -186,7 +233,16 @@ Log* Log::theLog() {
 }
 
 Log::Log()
-    : categories(), classes(), enabled_(0), level_(0), verbosity_(0), catSegments(), catCount(0), sinks(), lock() {
+    : categories(),
+      classes(),
+      enabled_(0),
+      level_(0),
+      verbosity_(0),
+      catSegments(),
+      catCount(0),
+      sinks(),
+      nameIndex(nullptr),
+      lock() {
     classes.sizeTo(4);
     classes[MessageError] = LogClass("error");
     classes[MessageWarning] = LogClass("warning");
@@ -204,19 +260,37 @@ Log::~Log() {
     classes.purge();
     categories.purge();
     for (auto& segment : catSegments) delete[] segment.load();
+    NameIndex::release(static_cast<NameIndex*>(nameIndex.load()));
 }
 
-LogCat* Log::cat(unsigned int n) const {
-    unsigned int segment, offset;
-    segmentOf(n, segment, offset);
-    return catSegments[segment].load(std::memory_order_relaxed)[offset];
+unsigned int Log::findCategory(char const* name) const {
+    NameIndex const* index = static_cast<NameIndex const*>(nameIndex.load(std::memory_order_acquire));
+    if (!index) return kNoCategory;
+    unsigned int h = NameIndex::hash(name);
+    for (unsigned int i = h & index->mask;; i = (i + 1) & index->mask) {
+        unsigned long slot = index->slots()[i].load(std::memory_order_acquire);
+        if (!slot) return kNoCategory;
+        if (static_cast<unsigned int>(slot >> 32) != h) continue;
+        unsigned int n = static_cast<unsigned int>(slot) - 1;
+        if (strcmp(cat(n)->name, name) == 0) return n;
+    }
 }
 
-// First index in [from, to) whose name is `name`, or `to` when none.
-unsigned int Log::findCategory(char const* name, unsigned int from, unsigned int to) const {
-    for (unsigned int i = from; i < to; ++i)
-        if (strcmp(cat(i)->name, name) == 0) return i;
-    return to;
+// Under the hub lock, once category n is published. Replaces the table by one of
+// twice the size when it would be more than half full; the old one stays readable
+// (and is freed with the hub) for readers still probing it.
+void Log::indexName(unsigned int n) {
+    NameIndex* index = static_cast<NameIndex*>(nameIndex.load(std::memory_order_relaxed));
+    if (!index || 2ul * (n + 1) > index->mask + 1ul) {
+        unsigned int size = index ? 2 * (index->mask + 1) : 32;
+        NameIndex* bigger = NameIndex::make(size, index);
+        if (!bigger) return;  // lookups fall back to the locked walk
+        for (unsigned int k = 0; k < n; ++k) bigger->insert(NameIndex::hash(cat(k)->name), k);
+        bigger->insert(NameIndex::hash(cat(n)->name), n);
+        nameIndex.store(bigger, std::memory_order_release);
+        return;
+    }
+    index->insert(NameIndex::hash(cat(n)->name), n);
 }
 
 // Under the hub lock. Returns catCount (a number that names nothing) when memory
@@ -248,18 +322,21 @@ unsigned int Log::createCategory(char const* name) {
     }
     entries[offset] = c;
     catCount.store(n + 1, std::memory_order_release);
+    indexName(n);
     return n;
 }
 
 unsigned int Log::getCategory(char const* name) {
-    unsigned int seen = catCount.load(std::memory_order_acquire);
-    unsigned int n = findCategory(name, 0, seen);
-    if (n < seen) return n;
+    // Names are unique, so the index finds the same number as a walk from 0 would.
+    unsigned int n = findCategory(name);
+    if (n != kNoCategory) return n;
     HeldLock g(lock);
-    // Only categories made since the walk above remain to be checked.
-    unsigned int now = catCount.load(std::memory_order_relaxed);
-    n = findCategory(name, seen, now);
-    if (n < now) return n;
+    n = findCategory(name);  // another thread may have made it meanwhile
+    if (n != kNoCategory) return n;
+    // The index may have missed a category only when it could not be grown.
+    unsigned int count = catCount.load(std::memory_order_relaxed);
+    for (n = 0; n < count; ++n)
+        if (strcmp(cat(n)->name, name) == 0) return n;
     return createCategory(name);
 }
 
@@ -354,16 +431,6 @@ void detail::dropDefaultLogger() {
 // Filtering and dispatch
 // ---------------------------------------------------------------------------
 
-bool Log::willPrint(MessageClass c, unsigned int n, int lvl) const {
-    if (n >= catCount.load(std::memory_order_acquire)) return false;
-    if (static_cast<unsigned int>(c) > MessageDebug) return false;
-    if (!sinks[c].load(std::memory_order_relaxed)) return false;
-    if (c != MessageDebug) return true;
-    LogCat const* k = cat(n);
-    if (!k->enabled.load(std::memory_order_relaxed)) return false;
-    return lvl <= k->level.load(std::memory_order_relaxed);
-}
-
 bool Log::willPrint(MessageClass c, char const* catName, int lvl) { return willPrint(c, getCategory(catName), lvl); }
 
 int Log::vprint(MessageClass c, unsigned int n, int lvl, char const* file, unsigned int line, char const* fmt,
@@ -391,6 +458,7 @@ int Log::vprint(MessageClass c, char const* catName, int lvl, char const* file, 
 }
 
 int Log::print(MessageClass c, unsigned int n, int lvl, char const* file, unsigned int line, char const* fmt, ...) {
+    if (!willPrint(c, n, lvl)) return 0;
     va_list args;
     va_start(args, fmt);
     int result = vprint(c, n, lvl, file, line, fmt, args);
