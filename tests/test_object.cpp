@@ -73,11 +73,45 @@ void releaseCounted(void* p) {
     gCounts.lastDelete = p;
     std::free(p);
 }
+void* alignedBlock(std::size_t size, std::align_val_t a) {
+    void* p = nullptr;
+    std::size_t alignment = static_cast<std::size_t>(a) < sizeof(void*) ? sizeof(void*) : static_cast<std::size_t>(a);
+    return posix_memalign(&p, alignment, size ? size : 1) == 0 ? p : nullptr;
+}
 }  // namespace
 void operator delete(void* p) noexcept { releaseCounted(p); }
 void operator delete(void* p, std::size_t) noexcept { releaseCounted(p); }
 void operator delete[](void* p) noexcept { std::free(p); }
 void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+
+// Every other form too, so that no block of this process ever meets an operator
+// from a different family (the library's are all replaced here).
+void* operator new(std::size_t size, std::nothrow_t const&) noexcept { return std::malloc(size ? size : 1); }
+void* operator new[](std::size_t size, std::nothrow_t const&) noexcept { return std::malloc(size ? size : 1); }
+void operator delete(void* p, std::nothrow_t const&) noexcept { std::free(p); }
+void operator delete[](void* p, std::nothrow_t const&) noexcept { std::free(p); }
+void* operator new(std::size_t size, std::align_val_t a) {
+    void* p = alignedBlock(size, a);
+    if (!p) throw std::bad_alloc();
+    return p;
+}
+void* operator new[](std::size_t size, std::align_val_t a) {
+    void* p = alignedBlock(size, a);
+    if (!p) throw std::bad_alloc();
+    return p;
+}
+void* operator new(std::size_t size, std::align_val_t a, std::nothrow_t const&) noexcept {
+    return alignedBlock(size, a);
+}
+void* operator new[](std::size_t size, std::align_val_t a, std::nothrow_t const&) noexcept {
+    return alignedBlock(size, a);
+}
+void operator delete(void* p, std::align_val_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::align_val_t) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
+void operator delete(void* p, std::align_val_t, std::nothrow_t const&) noexcept { std::free(p); }
+void operator delete[](void* p, std::align_val_t, std::nothrow_t const&) noexcept { std::free(p); }
 
 namespace {
 
