@@ -9,6 +9,7 @@
 #pragma once
 
 #include "utils/export.h"
+#include "utils/wtree.h"
 
 namespace Utils {
 
@@ -53,7 +54,24 @@ public:
     virtual void adjustColorMemory(unsigned int color, int delta);
 
     // The process-wide allocator behind every operator new and operator delete of
-    // the program; built on first use and never null afterwards.
+    // the program; built on first use and never null afterwards. It is an arena
+    // (MemoryAllocator) over a HostAllocator. Unlike a plain MemoryAllocator it is
+    // safe to use from several threads at once (blocks may be freed by another
+    // thread than the one that allocated them), it survives fork(), and it keeps
+    // working before static constructors and after static destructors have run.
+    //
+    // The library defines every replaceable form of the global operator new and
+    // operator delete (plain, array, nothrow, sized, aligned and their mixes) on
+    // this allocator:
+    //  - operator new returns null when memory is exhausted or the request is above
+    //    0x3FFFFE8 bytes: the throwing forms do not throw std::bad_alloc and call no
+    //    new-handler. Exhaustion of the system layer raises 0x80000002 (raiseError)
+    //    once the allocator's lock has been released; a request refused by size
+    //    raises nothing.
+    //  - Blocks are 16-byte aligned; the aligned forms honour larger alignments by
+    //    over-allocating (size + alignment) and keeping the block's own address in
+    //    the 8 bytes before the address returned, so they must be released with the
+    //    matching aligned operator delete.
     static Allocator* theAllocator();
 
 protected:
@@ -72,6 +90,167 @@ public:
 
 private:
     unsigned int previous;
+};
+
+// ===========================================================================
+// The arena: the allocator behind theAllocator(), and so behind every operator
+// new of the process. It grows one arena out of regions drawn from a parent
+// allocator and never gives memory back.
+//
+//  - Requests up to 56 bytes get 32-byte (up to 24 bytes) or 64-byte (25 to 56)
+//    small blocks from per-size free lists; the lists are refilled by cutting a
+//    10240-byte carrier into small blocks. Small blocks never return to the tree.
+//  - Larger requests get an ordinary block of (request + 8) rounded up to 16 bytes,
+//    best fit from a tree of free blocks (the smallest sufficient size, the lowest
+//    address among equal sizes), split when 80 bytes or more would remain, merged
+//    with free neighbours on release.
+//  - Every address returned is a multiple of 16; size() of a block is its block
+//    size less 8, at least the request.
+//  - Requests above 0x3FFFFE8 bytes (67108840) return null without raising
+//    anything: a larger block would not fit the 26 size bits of the block header.
+//  - Counters are exact and 64-bit: allocatedMemory() counts busy blocks as whole
+//    block sizes; internalFree() counts free blocks, small ones included; per
+//    colour likewise. Freed memory is counted under the colour of the block whose
+//    release made it free, neighbours merged into it included.
+//  - Regions must come from the parent at increasing addresses (the host's always
+//    do). A region that starts where the previous one ended extends the arena; any
+//    other is joined to it by a bridge block (gaps up to 4 GiB - 16; beyond that,
+//    or below the arena, the region is left unused and the allocation fails).
+//  - No locks: an instance is driven by one thread at a time. The process
+//    allocator behind theAllocator() wraps its instance in a lock.
+// ===========================================================================
+class ZO_API MemoryAllocator : public Allocator {
+public:
+    // An empty arena over `parent`; call init() before the first allocation.
+    explicit MemoryAllocator(Allocator* parent = nullptr);
+    // Releases nothing: the regions stay with the process.
+    virtual ~MemoryAllocator();
+
+    // Resets the counters and takes a thread-local slot for the default colours.
+    // Obtains no memory: the first allocation that finds nothing free does.
+    void init();
+
+    // In the calling thread's default colour; null when the request is above
+    // 0x3FFFFE8 bytes or the parent has no region.
+    void* alloc(unsigned long size) override;
+    // In colour `color` & 63; null as above.
+    void* alloc(unsigned long size, unsigned int color) override;
+    // Releases a block of this arena; null is ignored. Foreign pointers are not
+    // detected.
+    void free(void* p) override;
+    // Block size less 8 (24 for a 32-byte small block, 56 for a 64-byte one); 0 for
+    // null or a block that is outside the arena or not allocated.
+    unsigned long size(void* p) const override;
+    unsigned long allocatedMemory() const override;
+    unsigned long internalFree() const override;
+    // The colour of an allocated block (0 when not allocated or outside the arena).
+    unsigned int color(void* p) const override;
+    // 0x80000003 when p is null, color & 63 is 0, p is outside the arena or not
+    // allocated, or the block already has a colour. Otherwise adds the block's size
+    // to the allocated count of colour 0 and returns 0, leaving the block's colour
+    // and every other counter unchanged (kept on purpose: callers rely on it).
+    unsigned int setColor(void* p, unsigned int color) override;
+    // True for an allocated ordinary block of this arena whose trailer agrees with
+    // its header. Always false for small blocks (up to 56 bytes), which carry no
+    // trailer.
+    bool valid(void* p) const override;
+    // Stores the old default in *previous when not null, then sets the calling
+    // thread's default colour (stored as given; alloc uses its low 6 bits). Returns 0.
+    unsigned int setDefaultColor(unsigned int color, unsigned int* previous) override;
+    unsigned int defaultColor() const override;
+    unsigned long allocatedColorMemory(unsigned int color) const override;
+    unsigned long freeColorMemory(unsigned int color) const override;
+    // Adds delta to the allocated count of color & 63; allocatedMemory() is not
+    // touched. For memory the caller accounts itself.
+    void adjustColorMemory(unsigned int color, int delta) override;
+
+    // Block walking, in address order. firstBlock is the address of the first
+    // block (as handed to callers), or null. nextBlock steps over one block (a
+    // bridge included); after the last block it yields, once, the address just
+    // past the arena plus 4, then null. busy is 0 for null, else the header's busy
+    // bit. checkArena walks every block and returns 0.
+    void* firstBlock() const;
+    void* nextBlock(void* p) const;
+    static unsigned int busy(void* p);
+    unsigned int checkArena() const;
+
+    // Diagnostics. verify walks every block and checks the tiling, the head and
+    // trailer tags, that no two free ordinary blocks touch, that the free trees
+    // hold exactly the free ordinary blocks, the small lists and every counter
+    // identity. Null when all holds, else a static text naming the first fault.
+    // It allocates nothing. (The process allocator checks under its lock.)
+    virtual char const* verify() const;
+    // The free block (its address as handed to callers) that would become the
+    // next carrier of `smallBlockSize`-byte blocks (32 or 64): the first free block
+    // in address order of at least smallBlockSize + 20 bytes. Null when none.
+    void* carrierCandidate(unsigned int smallBlockSize) const;
+
+protected:
+    struct MemHead;  // the 4-byte size word at the start of every block
+
+    void* _alloc(unsigned long size, unsigned int color);
+    unsigned long _free(void* p);
+    MemHead* allocSmall(unsigned int k);
+    void freeSmall(MemHead* h);
+    MemHead* allocCandidate(unsigned long need);
+    void freeLoser(MemHead* t);
+    void splitBlock(MemHead* h, unsigned long n);
+    void removeMe(MemHead* h);
+    MemHead* coalesce(MemHead* h);
+
+    Allocator* parent;
+    WTreeBase freeTree;
+    MemHead* arenaStart;
+    MemHead* arenaEnd;
+    unsigned long freeTotal;
+    MemHead* smallLists[7];
+    unsigned long allocatedTotal;
+    unsigned int initialised;
+    unsigned int colorSlot;
+    unsigned long allocatedByColor[64];
+    unsigned long freeByColor[64];
+    // Free ordinary blocks in address order: exactly 80 bytes, and larger. The
+    // first free block that can carry small blocks is found here without a walk.
+    WTreeBase addressTree80;
+    WTreeBase addressTreeBig;
+    // Carriers, chained through their first unused bytes (for verify).
+    MemHead* carriers;
+    // What setColor and adjustColorMemory added to the allocated counts (for verify).
+    unsigned long colorAdjustments[64];
+
+private:
+    MemHead* growArena(unsigned long need);
+    void linkFree(MemHead* h);
+    void unlinkFree(MemHead* h);
+    MemHead* header(void* p) const;
+};
+
+// The parent of the process arena: draws raw regions from the system layer and
+// never gives them back.
+class ZO_API HostAllocator : public Allocator {
+public:
+    HostAllocator();
+
+    // A region of at least `size` bytes from the system layer (rounded up by the
+    // layer to its granule), or null after raising 0x80000002 (out of memory).
+    // When the calling thread is inside the process allocator the raise waits
+    // until the process allocator has been left, so that listeners and the log
+    // may allocate.
+    void* alloc(unsigned long size) override;
+    using Allocator::alloc;
+    // Does nothing: regions are never returned.
+    void free(void* p) override;
+    // The size of the most recent region obtained, whatever p is (0 after a
+    // failure). Kept: its one client asks right after obtaining a region.
+    unsigned long size(void* p) const override;
+    // Both 0.
+    unsigned long allocatedMemory() const override;
+    unsigned long internalFree() const override;
+    // Forwards to alloc(size).
+    virtual void* allocMin(unsigned long size);
+
+private:
+    unsigned int lastSize;
 };
 
 
