@@ -10,6 +10,7 @@ int main() {
     tourObjects();
     tourContainers();
     tourSync();
+    tourMemory();
     tourPageAlloc();
     tourLog();
     std::printf("\nEnd of the tour.\n");

@@ -5,5 +5,6 @@ void tourSystemLayer();
 void tourObjects();
 void tourSync();
 void tourContainers();
+void tourMemory();
 void tourPageAlloc();
 void tourLog();

@@ -117,6 +117,10 @@ void* carrierByWalk(MemoryAllocator const& a, unsigned int s) {
     return nullptr;
 }
 
+#define SKIP_UNDER_SANITIZER()                                                                          \
+    if (zotest::sanitizerOwnsOperatorNew())                                                             \
+    GTEST_SKIP() << "the sanitizer's own operator new replaces the library's, so routing cannot be seen"
+
 #define EXPECT_ARENA_OK(a) EXPECT_STREQ(nullptr, (a).verify())
 #define ASSERT_ARENA_OK(a) ASSERT_STREQ(nullptr, (a).verify())
 
@@ -915,13 +919,21 @@ TEST(ProcessAllocator, ForkedChildAllocatesWhileParentThreadsAreBusy) {
     EXPECT_EQ(0, failures);
 }
 
+TEST(ProcessAllocator, WorksInStaticConstructorsDestructorsAndExitHandlers) {
+    SKIP_UNDER_SANITIZER();
+    std::FILE* f = popen(ALLOCATOR_PROBE, "r");
+    ASSERT_NE(nullptr, f);
+    std::string out;
+    char line[256];
+    while (std::fgets(line, sizeof line, f)) out += line;
+    int status = pclose(f);
+    EXPECT_EQ(0, status);
+    EXPECT_EQ("static constructor ok\nmain ok\nexit handler ok\nstatic destructor ok\n", out);
+}
+
 // ---------------------------------------------------------------------------
 // The global operators
 // ---------------------------------------------------------------------------
-
-#define SKIP_UNDER_SANITIZER()                                                                          \
-    if (zotest::sanitizerOwnsOperatorNew())                                                             \
-    GTEST_SKIP() << "the sanitizer's own operator new replaces the library's, so routing cannot be seen"
 
 TEST(GlobalOperators, NewOfZeroReturnsDistinctNonNullBlocks) {
     void* p = ::operator new(0);
