@@ -807,9 +807,15 @@ TEST(ProcessAllocator, MemoryColorResetRestoresThisThreadsDefaultOnly) {
 
 TEST(ProcessAllocator, ExhaustionReturnsNullRaisesOnceAndChangesNoCounter) {
     Allocator* a = Allocator::theAllocator();
+    ASSERT_LT(a->internalFree(), 0x3FFFFF0u);  // so the largest request must ask the system layer
+    // A first exhaustion lets the error tables make this thread's entry; raising
+    // happens after the arena's work, and what it keeps is the tables' own.
+    ZoIF_TestSetMemLimit(ZoIF_TestMemCommitted());
+    void* warm = a->alloc(0x3FFFFE8);
+    ZoIF_TestSetMemLimit(0);
+    ASSERT_EQ(nullptr, warm);
     Utils::clearError();
     unsigned long allocated = a->allocatedMemory(), freeBytes = a->internalFree();
-    ASSERT_LT(freeBytes, 0x3FFFFF0u);  // so the largest request must ask the system layer
     // Nothing below may allocate while the limit holds.
     ZoIF_TestSetMemLimit(ZoIF_TestMemCommitted());
     void* p = a->alloc(0x3FFFFE8);
@@ -824,6 +830,40 @@ TEST(ProcessAllocator, ExhaustionReturnsNullRaisesOnceAndChangesNoCounter) {
     void* q = a->alloc(3u << 20);  // the limit is gone: it works again
     EXPECT_NE(nullptr, q);
     a->free(q);
+}
+
+// Listens for out-of-memory and allocates from the process allocator while it is
+// told; optionally it asks for more than the exhausted layer can give.
+struct AllocatingListener : Utils::ResultListener {
+    mutable int calls = 0;
+    mutable bool allocatedInside = false;
+    bool exhaustAgain = false;
+    void resultRaised(unsigned int code) const override {
+        if (code != 0x80000002u) return;
+        ++calls;
+        Allocator* a = Allocator::theAllocator();
+        void* p = a->alloc(64);
+        allocatedInside = p != nullptr;
+        a->free(p);
+        if (exhaustAgain) a->free(a->alloc(0x3FFFFE8));  // raises again, inside a raise
+    }
+};
+
+TEST(ProcessAllocator, OutOfMemoryListenersMayAllocateAndCannotRecurse) {
+    Allocator* a = Allocator::theAllocator();
+    ASSERT_LT(a->internalFree(), 0x3FFFFF0u);
+    AllocatingListener listener;
+    listener.exhaustAgain = true;
+    Utils::addResultListener(&listener);
+    ZoIF_TestSetMemLimit(ZoIF_TestMemCommitted());
+    void* p = a->alloc(0x3FFFFE8);
+    ZoIF_TestSetMemLimit(0);
+    Utils::removeResultListener(&listener);
+    EXPECT_EQ(nullptr, p);
+    EXPECT_EQ(1, listener.calls);  // the raise from inside the listener is dropped
+    EXPECT_TRUE(listener.allocatedInside);
+    EXPECT_EQ(nullptr, static_cast<MemoryAllocator*>(a)->verify());
+    Utils::clearError();
 }
 
 TEST(ProcessAllocator, ThreadsAllocateAndFreeAcrossEachOther) {
