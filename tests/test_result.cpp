@@ -9,7 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include "foundation/result_tables.h"
 #include "knobs.h"
+#include "log/held_lock.h"
 #include "utils/log.h"
 #include "utils/result.h"
 
@@ -351,4 +353,38 @@ TEST(Results, ConcurrentRaisingAndQueryingKeepsEveryTaskExact) {
     EXPECT_EQ(mismatches.load(), 0u);
     EXPECT_EQ(l.calls.load(), 2 * threads * perThread);
     EXPECT_EQ(hub.capture->lines.size(), 2 * threads * perThread);
+}
+
+// White-box: what the process allocator meets when an allocation made under one of
+// the hub's or the tables' locks fails and it raises 0x80000002 on the same thread.
+TEST(Results, ErrorRaisedInsideTheLibrarysOwnLockedWorkOnlyReturnsTheCode) {
+    CapturedHub hub;
+    clearError();
+    Counting l;
+    addResultListener(&l);
+    std::mutex unrelated;
+    {
+        detail::HeldLock g(unrelated);
+        EXPECT_EQ(raiseError(0x80000002u), 0x80000002u);
+    }
+    EXPECT_EQ(lastError(), 0u);
+    EXPECT_TRUE(hub.capture->lines.empty());
+    EXPECT_EQ(l.calls.load(), 0u);
+    raiseError(0x80000002u);  // outside: the usual path again
+    EXPECT_EQ(lastError(), 0x80000002u);
+    EXPECT_EQ(hub.capture->lines.size(), 1u);
+    removeResultListener(&l);
+    clearError();
+}
+
+TEST(Results, UnloadStepEmptiesLastErrorsAndSuppressionsAndLeavesThemUsable) {
+    CapturedHub hub;
+    raiseError(0x80000070u);
+    setErrorSuppressed(0x80000071u);
+    detail::releaseResultTables();
+    EXPECT_EQ(lastError(), 0u);
+    raiseError(0x80000071u);  // no longer suppressed
+    EXPECT_EQ(hub.capture->lines.size(), 2u);
+    EXPECT_EQ(lastError(), 0x80000071u);
+    clearError();
 }

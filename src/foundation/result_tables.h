@@ -2,12 +2,14 @@
 // load/unload sequence (src/log/startup.cpp).
 #pragma once
 
+#include "utils/export.h"
+
 namespace Utils {
 namespace detail {
 
 // Purges the suppressed-code list and frees every node of the last-error table,
 // leaving both empty and usable.
-void releaseResultTables();
+ZO_API void releaseResultTables();  // exported for the library's tests
 
 }  // namespace detail
 }  // namespace Utils

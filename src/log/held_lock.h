@@ -13,11 +13,14 @@
 
 #include <mutex>
 
+#include "utils/export.h"
+
 namespace Utils {
 namespace detail {
 
 // Number of hub and result-table locks the calling thread holds.
-int& heldLockDepth();
+// Exported for the library's tests.
+ZO_API int& heldLockDepth();
 
 class HeldLock {
 public:
