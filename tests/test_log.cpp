@@ -290,7 +290,8 @@ TEST(LogClassTable, AssignTakesNewReferenceBeforeDroppingOldAndResetReleases) {
     EXPECT_EQ(a.logger->refCount(), 2u);
     EXPECT_STREQ(b.name, "a");
     EXPECT_EQ(b.count, 3u);
-    b = b;  // self-assignment keeps the sink alive
+    LogClass& alias = b;
+    b = alias;  // self-assignment keeps the sink alive
     EXPECT_EQ(a.logger->refCount(), 2u);
     TemplOps const& ops = Vector<LogClass>::ops();
     EXPECT_EQ(ops.elemSize, sizeof(LogClass));
@@ -653,6 +654,36 @@ TEST(LogSinks, OneSinkForAllThenAnotherForErrorsLeavesThreeReferences) {
     EXPECT_EQ(second->refCount(), 4u);
 }
 
+namespace {
+// A sink that hands its classes to another sink from inside its own print.
+struct ReplacesItself : Logger {
+    ReplacesItself(Log* h, int* d) : hub(h), destroyed(d) {}
+    ~ReplacesItself() override { ++*destroyed; }
+    int print(MessageClass, char const*, va_list) override {
+        hub->setLogger(new Tracked(destroyed));
+        aliveAfterReplacing = *destroyed == 0;
+        return 5;
+    }
+    Log* hub;
+    int* destroyed;
+    static bool aliveAfterReplacing;
+};
+bool ReplacesItself::aliveAfterReplacing = false;
+}  // namespace
+
+TEST(LogSinks, SinkReplacedFromItsOwnPrintIsDeletedAfterThePrintReturns) {
+    int destroyed = 0;
+    {
+        Log log;
+        log.setLogger(new ReplacesItself(&log, &destroyed));
+        EXPECT_EQ(log.print(MessageError, "c", -3, "f", 1, "x"), 5);
+        EXPECT_TRUE(ReplacesItself::aliveAfterReplacing);
+        EXPECT_EQ(destroyed, 1);
+        EXPECT_EQ(log.print(MessageError, "c", -3, "f", 1, "x"), 0);  // the Tracked sink's result
+    }
+    EXPECT_EQ(destroyed, 2);  // the hub's destructor released the second one
+}
+
 TEST(LogSinks, SetLoggerNullSilencesEveryClass) {
     Log log;
     unsigned int c = log.getCategory("c", 9, true);
@@ -877,6 +908,7 @@ TEST(LogConfig, NoConfigurationLeavesDefaults) {
     Probe p = runProbe({});
     ASSERT_EQ(p.status, 0) << p.err;
     expectAllSinks(p, "std default");
+    EXPECT_EQ(p.facts["allocLogger"], "0");  // the load-time initialiser made the first category
     EXPECT_EQ(p.facts["cat allocator"], "enabled=0 level=0 verbosity=0");
     EXPECT_EQ(p.facts["defaults"], "enabled=0 level=0 verbosity=0");
     EXPECT_EQ(p.err, "error|probe|probe line 42\n");

@@ -22,8 +22,8 @@
 // Threads: every operation here may be called from several threads at once. The
 // filter check takes no lock; a line is formatted in a buffer of its own call and
 // reaches its sink whole. Sinks are called without any hub lock held, so a sink may
-// log or raise errors itself. Reference counts of sinks (Countable) are plain: once
-// a sink is handed to the hub, change its count only through the hub (setLogger).
+// log, raise errors or replace sinks itself; a sink is never deleted while a line
+// is printing through it. Printing changes no reference count.
 //
 // Things that surprise (all kept on purpose):
 //  - The header and the caller's format are expanded together by the sink, so a '%'
@@ -260,11 +260,17 @@ public:
     // The sink of class `c`, without taking a reference (null when silenced).
     Logger* logger(MessageClass c) const;
     // Makes `l` the sink of all four classes (null silences them). The hub holds one
-    // reference per class; a sink no class holds any more is deleted.
+    // reference per class; a sink whose last reference the hub drops is deleted at
+    // once when no line is being printed, else as soon as the last line in flight
+    // (in any thread, the replaced sink's own print included) has returned.
     void setLogger(Logger* l);
     // Makes `l` the sink of class `c` only. `c` must be a MessageClass value.
     void setLogger(MessageClass c, Logger* l);
     // The process default sink, a StdLogger on standard error, made on first call.
+    // Counts are plain (object.h): the hub changes a sink's count only in setLogger
+    // and when a hub is built, never while printing; holders such as the returned
+    // one must not be copied or dropped while another thread calls setLogger or
+    // builds a hub.
     static CountedRef<Logger> theDefaultLogger();
 
     // Filters, counts, builds the header and calls the sink of class `c` with the

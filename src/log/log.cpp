@@ -17,10 +17,12 @@
 //    so its array does not move; its line counters are updated atomically.
 //  - Every reference count change of a sink made by the hub or by LogClass happens
 //    under gSinkLock, and a sink whose count reaches 0 is deleted after the lock is
-//    released (its destructor is user code). sinks[c] mirrors classes[c].logger
-//    for the lock-free filter.
-//  - A line is dispatched with a reference taken on the sink, so a concurrent
-//    setLogger cannot delete the sink under a running print.
+//    released (its destructor is user code). sinks[c] mirrors classes[c].logger;
+//    filter and dispatch read only the mirror.
+//  - A line in flight is counted in gActivePrints; a sink setLogger releases is
+//    deleted only when no line is in flight (see the graveyard below), so a
+//    concurrent setLogger never deletes a sink under a running print, and the
+//    print path changes no reference count.
 //  - No hub lock is held while a sink runs.
 #include <cstdio>
 #include <cstdlib>
@@ -121,26 +123,65 @@ void segmentOf(unsigned int n, unsigned int& segment, unsigned int& offset) {
     offset = n - 16u * ((1u << segment) - 1u);
 }
 
-// A sink pinned for one line.
-class SinkPin {
+// Sinks the hub released while lines may still be printing through them. A sink
+// whose last reference the hub drops is buried here and deleted once no line is in
+// flight anywhere: by setLogger when nothing is printing (at once, in a program
+// with one thread), else by the printer that ends the last line in flight. The
+// print path thus never touches a sink's (plain) reference count.
+//
+// Why this is safe: a printer raises gActivePrints before it reads a sink pointer,
+// and a sink is buried only after every slot has stopped pointing at it; the
+// collector reads gActivePrints after the burial, under gSinkLock. All four
+// operations are sequentially consistent, so a printer that read the old pointer is
+// seen as active, and a printer that ends sees a burial whose collector saw it
+// active.
+std::atomic<unsigned long> gActivePrints{0};
+std::atomic<bool> gGraveyardUsed{false};
+
+template <class T>
+union Undestroyed {
+    constexpr Undestroyed() : value() {}
+    ~Undestroyed() {}
+    T value;
+};
+Undestroyed<Vector<Logger*>> gGraveyard;  // under gSinkLock; outlives every static destructor
+
+// Under gSinkLock.
+void buryLocked(Logger* l) {
+    if (!l) return;
+    gGraveyard.value.add(l);
+    gGraveyardUsed.store(true);
+}
+
+// Under gSinkLock: moves the buried sinks to `out` when no line is in flight.
+void collectLocked(Vector<Logger*>& out) {
+    Vector<Logger*>& buried = gGraveyard.value;
+    if (buried.count == 0 || gActivePrints.load() != 0) return;
+    out.add(buried.data, buried.count);
+    buried.clear();
+    gGraveyardUsed.store(false);
+}
+
+void deleteAll(Vector<Logger*>& doomed) {
+    for (unsigned long i = 0; i < doomed.count; ++i) delete doomed[i];
+    doomed.purge();
+}
+
+// Marks one line in flight from before its sink is read until its print returns.
+class LineInFlight {
 public:
-    SinkPin(Vector<LogClass>& classes, MessageClass c) : sink(nullptr) {
-        HeldLock g(gSinkLock);
-        sink = classes[static_cast<unsigned long>(c)].logger.get();
-        if (sink) sink->incRef();
-    }
-    ~SinkPin() {
-        if (!sink) return;
-        bool last;
+    LineInFlight() { gActivePrints.fetch_add(1); }
+    ~LineInFlight() {
+        if (gActivePrints.fetch_sub(1) != 1 || !gGraveyardUsed.load()) return;
+        Vector<Logger*> doomed;
         {
             HeldLock g(gSinkLock);
-            last = sink->decRef() == 0;
+            collectLocked(doomed);
         }
-        if (last) delete sink;
+        deleteAll(doomed);
     }
-    SinkPin(SinkPin const&) = delete;
-    SinkPin& operator=(SinkPin const&) = delete;
-    Logger* sink;
+    LineInFlight(LineInFlight const&) = delete;
+    LineInFlight& operator=(LineInFlight const&) = delete;
 };
 
 }  // namespace
@@ -392,25 +433,29 @@ unsigned int Log::verbosity(unsigned int c) const { return cat(c)->verbosity.loa
 Logger* Log::logger(MessageClass c) const { return sinks[c].load(std::memory_order_acquire); }
 
 void Log::setLogger(Logger* l) {
-    Logger* doomed[4] = {};
+    Vector<Logger*> doomed;
     {
         HeldLock g(gSinkLock);
         for (unsigned int c = 0; c < 4; ++c) {
-            doomed[c] = replaceLocked(classes[c].logger, l);
-            sinks[c].store(l, std::memory_order_release);
+            Logger* old = replaceLocked(classes[c].logger, l);
+            sinks[c].store(l);
+            buryLocked(old);
         }
+        collectLocked(doomed);
     }
-    for (Logger* d : doomed) delete d;
+    deleteAll(doomed);
 }
 
 void Log::setLogger(MessageClass c, Logger* l) {
-    Logger* doomed;
+    Vector<Logger*> doomed;
     {
         HeldLock g(gSinkLock);
-        doomed = replaceLocked(classes[c].logger, l);
-        sinks[c].store(l, std::memory_order_release);
+        Logger* old = replaceLocked(classes[c].logger, l);
+        sinks[c].store(l);
+        buryLocked(old);
+        collectLocked(doomed);
     }
-    delete doomed;
+    deleteAll(doomed);
 }
 
 CountedRef<Logger> Log::theDefaultLogger() {
@@ -443,12 +488,13 @@ int Log::vprint(MessageClass c, unsigned int n, int lvl, char const* file, unsig
     memset(buffer, 0, sizeof buffer);
     itemHeader(k.name, cat(n)->name, lvl, file, line, buffer, kLineLimit, verbosity_.load(std::memory_order_relaxed));
     if (fmt) strncat(buffer, fmt, kLineLimit - strlen(buffer));
-    SinkPin pin(classes, c);
-    if (!pin.sink) return 0;  // silenced after the filter ran
+    LineInFlight inFlight;
+    Logger* sink = sinks[c].load();
+    if (!sink) return 0;  // silenced after the filter ran
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
     // The header and the caller's format are expanded together by the sink.
-    return pin.sink->print(c, buffer, args);
+    return sink->print(c, buffer, args);
 #pragma GCC diagnostic pop
 }
 

@@ -30,6 +30,7 @@ int main() {
         Logger* l = log->logger(static_cast<MessageClass>(c));
         std::printf("sink%u %s%s\n", c, kind(l), l == defaultSink ? " default" : "");
     }
+    std::printf("allocLogger %u\n", allocLogger);
     for (unsigned int n = 0; log->getCategory(n); ++n)
         std::printf("cat %s enabled=%d level=%d verbosity=%u\n", log->getCategory(n), log->enabled(n) ? 1 : 0,
                     log->level(n), log->verbosity(n));
