@@ -55,6 +55,24 @@ unsigned long currentTask() { return static_cast<unsigned long>(ZoIF_CurrentTask
 constexpr char const* kRaiseFile = "result";
 constexpr unsigned int kRaiseLine = 65;
 
+using LastErrors = AVLTree<unsigned long, unsigned int>;
+
+// Under gResultLock: the calling task's entry (made at 0 when missing), or null
+// when memory is exhausted. Unlike AVLTree::intern it checks the node allocation,
+// because raiseError is called exactly when memory runs out. Nodes never move, so
+// the value's address stays valid while the lock is held.
+unsigned int* lastErrorSlot(unsigned long task) {
+    AVLTreeIter<unsigned long, unsigned int> it(gLastErrors.value);
+    it.top();
+    if (it.find(task)) return &it.value();
+    void* raw = ::operator new(sizeof(LastErrors::Node), std::nothrow);
+    if (!raw) return nullptr;
+    LastErrors::Node* node = new (raw) LastErrors::Node(task, 0u, it.current);
+    *it.link = node;
+    it.rebalanceAfterInsert();
+    return &node->value;
+}
+
 class LoggingError {
 public:
     LoggingError() { tLoggingError = true; }
@@ -71,7 +89,7 @@ unsigned int raiseError(unsigned int code) {
     bool suppressed;
     {
         HeldLock g(gResultLock);
-        gLastErrors.value.intern(task) = code;
+        if (unsigned int* slot = lastErrorSlot(task)) *slot = code;
         unsigned long index;
         suppressed = gSuppressed.value.locate(code, index);
     }
@@ -98,13 +116,14 @@ unsigned int raiseError(unsigned int code) {
 unsigned int lastError() {
     unsigned long task = currentTask();
     HeldLock g(gResultLock);
-    return gLastErrors.value.intern(task);
+    unsigned int* slot = lastErrorSlot(task);
+    return slot ? *slot : 0u;
 }
 
 void clearError() {
     unsigned long task = currentTask();
     HeldLock g(gResultLock);
-    gLastErrors.value.intern(task) = 0u;
+    if (unsigned int* slot = lastErrorSlot(task)) *slot = 0u;
 }
 
 void setErrorSuppressed(unsigned int code) {
@@ -160,7 +179,7 @@ namespace detail {
 void releaseResultTables() {
     HeldLock g(gResultLock);
     gSuppressed.value.purge();
-    delete static_cast<AVLTreeNode<unsigned long, unsigned int>*>(gLastErrors.value.root);
+    delete static_cast<LastErrors::Node*>(gLastErrors.value.root);
     gLastErrors.value.root = nullptr;
 }
 
