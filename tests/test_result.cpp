@@ -1,7 +1,13 @@
 // Results: per-task last errors, suppression, texts, listeners, and the error line.
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -14,6 +20,7 @@
 #include "log/held_lock.h"
 #include "utils/log.h"
 #include "utils/result.h"
+#include "zosys.h"
 
 using namespace Utils;
 
@@ -387,4 +394,126 @@ TEST(Results, UnloadStepEmptiesLastErrorsAndSuppressionsAndLeavesThemUsable) {
     EXPECT_EQ(hub.capture->lines.size(), 2u);
     EXPECT_EQ(lastError(), 0x80000071u);
     clearError();
+}
+
+// ---------------------------------------------------------------------------
+// Memory exhaustion, with the process allocator drawing from a system layer that
+// has nothing left. Run in a child process: the child uses the memory up.
+// ---------------------------------------------------------------------------
+
+namespace {
+
+// Counts lines and keeps the last one, allocating nothing.
+struct CountingSink : Logger {
+    int print(MessageClass, char const* format, va_list args) override ZO_PRINTF(3, 0) {
+        vsnprintf(last, sizeof last, format, args);
+        lines.fetch_add(1);
+        return 0;
+    }
+    std::atomic<int> lines{0};
+    char last[256] = {};
+};
+
+struct Fresh {
+    unsigned int raised = 0, last = 1, cat = 0;
+    char const* catName = reinterpret_cast<char const*>(1);
+    int printed = -1;
+};
+
+void* freshThread(void* arg) {
+    Fresh* f = static_cast<Fresh*>(arg);
+    f->raised = raiseError(0x80000002u);
+    f->last = lastError();
+    f->cat = Log::theLog()->getCategory("oom.fresh");
+    f->catName = Log::theLog()->getCategory(f->cat);
+    f->printed = Log::theLog()->print(MessageError, "oom.other", -3, "f", 1, "x");
+    return nullptr;
+}
+
+// Returns "" when every check passed, "SKIP reason", or a description of the failure.
+std::string exhaustedChild() {
+    CountingSink* sink = new CountingSink;
+    Log::theLog()->setLogger(sink);
+    raiseError(0x80000001u);  // makes this thread's entry and the "utils" category
+    clearError();
+    ZoIF_TestSetMemLimit(ZoIF_TestMemCommitted());
+    if (void* probe = ::operator new(256u << 20, std::nothrow)) {
+        ::operator delete(probe);
+        return "SKIP operator new is not served by the system layer's memory (another allocator owns it)";
+    }
+    // Use up what the arena still holds, chaining the blocks through themselves.
+    void* chain = nullptr;
+    unsigned long taken = 0;
+    for (unsigned long size = 1ul << 20; size >= 16; size /= 2) {
+        while (void* p = ::operator new(size, std::nothrow)) {
+            *static_cast<void**>(p) = chain;
+            chain = p;
+            taken += size;
+            if (taken > (1ul << 30)) return "the arena never ran out";
+        }
+    }
+    int before = sink->lines.load();
+    if (lastError() != 0x80000002u) return "the allocator raised no out-of-memory";
+    clearError();
+    // A thread with no last-error entry yet: its entry cannot be made.
+    Fresh f;
+    pthread_t t;
+    if (pthread_create(&t, nullptr, freshThread, &f) != 0) return "SKIP no thread could be started";
+    pthread_join(t, nullptr);
+    // Nothing below may allocate until the limit is lifted: failures go to a fixed buffer.
+    static char failures[1024];
+    failures[0] = '\0';
+    auto fail = [](char const* what) { strncat(failures, what, sizeof failures - strlen(failures) - 1); };
+    if (f.raised != 0x80000002u) fail("raiseError did not return its code; ");
+    if (f.last != 0) fail("a fresh thread reported a last error without an entry; ");
+    if (f.catName != nullptr) fail("a category was made without memory; ");
+    if (f.printed != 0) fail("a line was printed in a category that could not be made; ");
+    // The raise in the thread logged its line ("utils" exists); the out-of-memory
+    // errors raised inside the library's own locked work were not logged.
+    int lines = sink->lines.load() - before;
+    if (lines != 1) fail("not exactly one line logged; ");
+    if (strcmp(sink->last, "error|utils|Raising error: Failure #0x80000002") != 0) fail("unexpected last line; ");
+    // This thread has its entry: its raises are recorded as usual.
+    if (raiseError(0x80000004u) != 0x80000004u || lastError() != 0x80000004u) fail("the main thread lost its entry; ");
+    ZoIF_TestSetMemLimit(0);
+    while (chain) {
+        void* next = *static_cast<void**>(chain);
+        ::operator delete(chain);
+        chain = next;
+    }
+    Fresh g;
+    pthread_create(&t, nullptr, freshThread, &g);
+    pthread_join(t, nullptr);
+    if (g.last != 0x80000002u || g.catName == nullptr) fail("nothing works again once memory is back; ");
+    std::string report = failures;
+    if (lines != 1) report += "lines: " + std::to_string(lines) + ", last: " + sink->last;
+    return report;
+}
+
+}  // namespace
+
+TEST(Results, RaisingWhenMemoryIsExhaustedReturnsTheCodeAndNeverRecurses) {
+    if (zotest::sanitizerOwnsOperatorNew()) GTEST_SKIP() << "the sanitizer's operator new serves this build";
+    int pipefd[2];
+    ASSERT_EQ(pipe(pipefd), 0);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        close(pipefd[0]);
+        alarm(60);  // a deadlock ends the child instead of the run
+        std::string report = exhaustedChild();
+        if (write(pipefd[1], report.data(), report.size()) < 0) _exit(3);
+        _exit(0);
+    }
+    close(pipefd[1]);
+    std::string report;
+    char chunk[512];
+    ssize_t n;
+    while ((n = read(pipefd[0], chunk, sizeof chunk)) > 0) report.append(chunk, static_cast<size_t>(n));
+    close(pipefd[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status << ": " << report;
+    if (report.rfind("SKIP ", 0) == 0) GTEST_SKIP() << report.substr(5);
+    EXPECT_EQ(report, "");
 }
