@@ -217,11 +217,17 @@ protected:
     MemHead* carriers;
     // What setColor and adjustColorMemory added to the allocated counts (for verify).
     unsigned long colorAdjustments[64];
+    // A block that left the free tree during the current operation but still has
+    // its address node linked (see linkFree); null between operations.
+    MemHead* addressHeld;
+    bool addressHeldBig;
 
 private:
     MemHead* growArena(unsigned long need);
     void linkFree(MemHead* h);
     void unlinkFree(MemHead* h);
+    void holdAddress(MemHead* h);
+    void dropHeldAddress();
     MemHead* header(void* p) const;
 };
 

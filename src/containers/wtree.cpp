@@ -1,5 +1,7 @@
-// The weight-balanced tree core. Out of line: every node type shares one copy, and
-// the arena allocator runs on it before any template is instantiated.
+// The weight-balanced tree core. Out of line: every node type shares one copy. The
+// steps on one search path (rotations, adjust, insert, remove, removesup) live in
+// containers/wtree_core.h as templates over the comparison, so that the arena's
+// trees inline their comparisons; WTreeBase passes the caller's callback.
 //
 // Invariants (WTreeBase::verify checks them):
 //  - weight(null) = 1, weight(n) = weight(n.left) + weight(n.right) = nodes + 1;
@@ -15,107 +17,13 @@
 
 #include <cstdint>
 
+#include "containers/wtree_core.h"
+
 namespace Utils {
 
 namespace {
 
-inline std::uint64_t w(WTreeNodeBase const* n) { return n ? n->weight : 1u; }
-
-inline bool leftHeavy(std::uint64_t L, std::uint64_t R) { return 29 * L > 70 * R; }
-inline bool rightHeavy(std::uint64_t L, std::uint64_t R) { return 239 * L < 99 * R; }
-// With L the weight of the heavy left child: its outer (left) grandchild is light.
-inline bool outerLight(std::uint64_t LL, std::uint64_t L) { return 169 * LL < 70 * L; }
-// With R the weight of the heavy right child: its inner (left) grandchild is heavy.
-inline bool innerHeavy(std::uint64_t RL, std::uint64_t R) { return 169 * RL > 99 * R; }
-
-WTreeNodeBase* leftmost(WTreeNodeBase* n) {
-    if (!n) return nullptr;
-    while (n->left) n = n->left;
-    return n;
-}
-
-/* Unlinks n, the node at *link that the removal matched. A node with at most one
- * child is replaced by that child. Otherwise n trades places with p, the rightmost
- * node of its left subtree:
- *
- *        n                  p
- *      /   \              /   \
- *     l     R    ==>     l     R        (p == l: p.left = n)
- *      \                  \
- *       p                  n
- *      /                  /
- *     pl                 pl
- *
- * and the weights of n and p are exchanged. The recursion then removes n from
- * &p.left, where it is the rightmost node with no right child. */
-template <class Recurse>
-WTreeNodeBase* unlinkMatched(void const* key, WTreeNodeBase** link, WTreeCompare compare, Recurse recurse) {
-    WTreeNodeBase* n = *link;
-    if (!n->left) {
-        *link = n->right;
-        n->right = nullptr;
-        return n;
-    }
-    if (!n->right) {
-        *link = n->left;
-        n->left = nullptr;
-        return n;
-    }
-    WTreeNodeBase* parentOfP = nullptr;
-    WTreeNodeBase* p = n->left;
-    while (p->right) {
-        parentOfP = p;
-        p = p->right;
-    }
-    WTreeNodeBase* pOldLeft = p->left;
-    *link = p;
-    if (parentOfP) {
-        p->left = n->left;
-        parentOfP->right = n;
-    } else {
-        p->left = n;
-    }
-    p->right = n->right;
-    n->left = pOldLeft;
-    n->right = nullptr;
-    unsigned int t = p->weight;
-    p->weight = n->weight;
-    n->weight = t;
-    return recurse(key, &p->left, compare);
-}
-
-WTreeNodeBase* removeRec(void const* key, WTreeNodeBase** link, WTreeCompare compare) {
-    WTreeNodeBase* n = *link;
-    if (!n) return nullptr;
-    WTreeNodeBase* result;
-    int k = compare(n->payload(), key);
-    if (k < 0)
-        result = removeRec(key, &n->left, compare);
-    else if (k > 0)
-        result = removeRec(key, &n->right, compare);
-    else
-        result = unlinkMatched(key, link, compare, removeRec);
-    if (*link) WTreeBase::adjust(link);
-    return result;
-}
-
-WTreeNodeBase* removesupRec(void const* key, WTreeNodeBase** link, WTreeCompare compare) {
-    WTreeNodeBase* n = *link;
-    if (!n) return nullptr;
-    WTreeNodeBase* result;
-    int k = compare(n->payload(), key);
-    if (k < 0) {
-        result = removesupRec(key, &n->left, compare);
-        // Every node on the left precedes key: n is the first that does not.
-        if (!result) result = unlinkMatched(key, link, compare, removesupRec);
-    } else if (k > 0) {
-        result = removesupRec(key, &n->right, compare);
-    } else {
-        result = unlinkMatched(key, link, compare, removesupRec);
-    }
-    if (*link) WTreeBase::adjust(link);
-    return result;
-}
+using namespace wtcore;
 
 // The range removal shared by remove (half-open) and removeC (closed).
 WTreeNodeBase* removeRange(void const* from, void const* to, void const* low, void const* high,
@@ -201,50 +109,11 @@ unsigned int WTreeNodeBase::depth() const {
     return 1 + (l > r ? l : r);
 }
 
-void WTreeBase::lrot(WTreeNodeBase** link) {
-    /*    n                r
-     *   / \              / \
-     *  a   r     ==>    n   c
-     *     / \          / \
-     *    b   c        a   b
-     */
-    WTreeNodeBase* n = *link;
-    WTreeNodeBase* r = n->right;
-    *link = r;
-    n->right = r->left;
-    r->left = n;
-    n->weight = static_cast<unsigned int>(w(n->left) + w(n->right));
-    r->weight = static_cast<unsigned int>(n->weight + w(r->right));
-}
+void WTreeBase::lrot(WTreeNodeBase** link) { wtcore::lrot(link); }
 
-void WTreeBase::rrot(WTreeNodeBase** link) {
-    /*      n            r
-     *     / \          / \
-     *    r   c  ==>   a   n
-     *   / \              / \
-     *  a   b            b   c
-     */
-    WTreeNodeBase* n = *link;
-    WTreeNodeBase* r = n->left;
-    *link = r;
-    n->left = r->right;
-    r->right = n;
-    n->weight = static_cast<unsigned int>(w(n->left) + w(n->right));
-    r->weight = static_cast<unsigned int>(n->weight + w(r->left));
-}
+void WTreeBase::rrot(WTreeNodeBase** link) { wtcore::rrot(link); }
 
-void WTreeBase::adjust(WTreeNodeBase** link) {
-    WTreeNodeBase* n = *link;
-    std::uint64_t L = w(n->left), R = w(n->right);
-    n->weight = static_cast<unsigned int>(L + R);
-    if (leftHeavy(L, R)) {
-        if (outerLight(w(n->left->left), L)) lrot(&n->left);
-        rrot(link);
-    } else if (rightHeavy(L, R)) {
-        if (innerHeavy(w(n->right->left), R)) rrot(&n->right);
-        lrot(link);
-    }
-}
+void WTreeBase::adjust(WTreeNodeBase** link) { wtcore::adjust(link); }
 
 void WTreeBase::checkrots(WTreeNodeBase** link) {
     WTreeNodeBase* n = *link;
@@ -280,35 +149,23 @@ void WTreeBase::checkrots(WTreeNodeBase** link) {
 }
 
 int WTreeBase::insert(WTreeNodeBase* node, WTreeNodeBase** link, WTreeCompare compare) {
-    WTreeNodeBase* n = *link;
-    if (!n) {
-        node->left = nullptr;
-        node->right = nullptr;
-        node->weight = 2;
-        *link = node;
-        return 1;
-    }
-    int k = compare(n->payload(), node->payload());
-    if (k == 0) return 0;
-    int inserted = insert(node, k < 0 ? &n->left : &n->right, compare);
-    adjust(link);  // also when nothing was inserted: the path is re-adjusted as is
-    return inserted;
+    return wtcore::insert(node, link, CallbackCompare{compare});
 }
 
 WTreeNodeBase* WTreeBase::remove(void const* key, WTreeNodeBase** link, WTreeCompare compare) {
-    return removeRec(key, link, compare);
+    return removeAt<false>(key, link, CallbackCompare{compare});
 }
 
 WTreeNodeBase* WTreeBase::remove(WTreeNodeBase* node, WTreeCompare compare) {
-    return removeRec(node->payload(), &root, compare);
+    return removeAt<false>(node->payload(), &root, CallbackCompare{compare});
 }
 
 WTreeNodeBase* WTreeBase::removesup(void const* key, WTreeNodeBase** link, WTreeCompare compare) {
-    return removesupRec(key, link, compare);
+    return removeAt<true>(key, link, CallbackCompare{compare});
 }
 
 WTreeNodeBase* WTreeBase::removesup(WTreeNodeBase* node, WTreeCompare compare) {
-    return removesupRec(node->payload(), &root, compare);
+    return removeAt<true>(node->payload(), &root, CallbackCompare{compare});
 }
 
 WTreeNodeBase* WTreeBase::nextNode(WTreeNodeBase* node, WTreeNodeBase* subtree, WTreeCompare compare) {

@@ -59,6 +59,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "containers/wtree_core.h"
 #include "utils/allocator.h"
 #include "utils/result.h"
 #include "zosys.h"
@@ -128,6 +129,14 @@ int compareAddress(void const* a, void const* b) {
     return xb > xa ? 1 : (xb < xa ? -1 : 0);
 }
 
+// The same orders as comparison objects, so that the tree steps inline them.
+struct FreeOrder {
+    int operator()(void const* a, void const* b) const { return compareFree(a, b); }
+};
+struct AddressOrder {
+    int operator()(void const* a, void const* b) const { return compareAddress(a, b); }
+};
+
 // Laid out like a free block from its size word to its colour word.
 struct SearchKey {
     unsigned int pad;
@@ -191,7 +200,9 @@ MemoryAllocator::MemoryAllocator(Allocator* parentAllocator)
       addressTree80(),
       addressTreeBig(),
       carriers(nullptr),
-      colorAdjustments() {}
+      colorAdjustments(),
+      addressHeld(nullptr),
+      addressHeldBig(false) {}
 
 MemoryAllocator::~MemoryAllocator() {}
 
@@ -214,18 +225,49 @@ void MemoryAllocator::init() {
 // ---------------------------------------------------------------------------
 // Tree membership of free ordinary blocks.
 // ---------------------------------------------------------------------------
+// The address trees follow the free blocks, with one saving: a block leaving the
+// free tree keeps its address node for the rest of the operation (it is "held").
+// When the operation then frees a block that takes the held block's place in
+// address order (the tail split off it, or the block merged over it) and belongs
+// to the same address tree, the new block's node simply replaces the held one:
+// one search, no rebalancing. Whatever is still held at the end is removed.
+void MemoryAllocator::holdAddress(MemHead* m) {
+    dropHeldAddress();
+    addressHeld = m;
+    addressHeldBig = blockSize(H(m)) != 80;
+}
+
+void MemoryAllocator::dropHeldAddress() {
+    if (!addressHeld) return;
+    WTreeBase& byAddress = addressHeldBig ? addressTreeBig : addressTree80;
+    wtcore::removeAt<false>(addressNode(H(addressHeld))->payload(), &byAddress.root, AddressOrder{});
+    addressHeld = nullptr;
+}
+
 void MemoryAllocator::linkFree(MemHead* m) {
     Head* h = H(m);
-    WTreeBase::insert(treeNode(h), &freeTree.root, compareFree);
-    WTreeBase& byAddress = blockSize(h) == 80 ? addressTree80 : addressTreeBig;
-    WTreeBase::insert(addressNode(h), &byAddress.root, compareAddress);
+    wtcore::insert(treeNode(h), &freeTree.root, FreeOrder{});
+    bool big = blockSize(h) != 80;
+    WTreeBase& byAddress = big ? addressTreeBig : addressTree80;
+    if (addressHeld && addressHeldBig == big) {
+        if (addressHeld != m) {
+            // h sits where the held block sat in address order: take over its node.
+            WTreeNodeBase* old = addressNode(H(addressHeld));
+            WTreeNodeBase** link = &byAddress.root;
+            while (*link != old) link = compareAddress((*link)->payload(), old->payload()) < 0 ? &(*link)->left : &(*link)->right;
+            *addressNode(h) = *old;
+            *link = addressNode(h);
+        }
+        addressHeld = nullptr;
+        return;
+    }
+    dropHeldAddress();
+    wtcore::insert(addressNode(h), &byAddress.root, AddressOrder{});
 }
 
 void MemoryAllocator::unlinkFree(MemHead* m) {
-    Head* h = H(m);
-    WTreeBase::remove(treeNode(h)->payload(), &freeTree.root, compareFree);
-    WTreeBase& byAddress = blockSize(h) == 80 ? addressTree80 : addressTreeBig;
-    WTreeBase::remove(addressNode(h)->payload(), &byAddress.root, compareAddress);
+    wtcore::removeAt<false>(treeNode(H(m))->payload(), &freeTree.root, FreeOrder{});
+    holdAddress(m);
 }
 
 void MemoryAllocator::freeLoser(MemHead* m) {
@@ -249,11 +291,10 @@ MemoryAllocator::MemHead* MemoryAllocator::allocCandidate(unsigned long need) {
     SearchKey key;
     key.sizeWord = static_cast<unsigned int>(need);
     key.mark = kSearchKeyMark;
-    WTreeNodeBase* n = WTreeBase::removesup(&key.mark, &freeTree.root, compareFree);
+    WTreeNodeBase* n = wtcore::removeAt<true>(&key.mark, &freeTree.root, FreeOrder{});
     if (!n) return nullptr;
     Head* h = fromTreeNode(n);
-    WTreeBase& byAddress = blockSize(h) == 80 ? addressTree80 : addressTreeBig;
-    WTreeBase::remove(addressNode(h)->payload(), &byAddress.root, compareAddress);
+    holdAddress(MH(h));
     unsigned long size = blockSize(h);
     freeTotal -= size;
     freeByColor[colorWord(h) & 63] -= size;
@@ -361,6 +402,7 @@ void* MemoryAllocator::_alloc(unsigned long request, unsigned int color) {
         m = allocCandidate(need);
         if (m) {
             splitBlock(m, need);
+            dropHeldAddress();
         } else {
             m = growArena(need);
             if (!m) return nullptr;
@@ -400,6 +442,7 @@ MemoryAllocator::MemHead* MemoryAllocator::allocSmall(unsigned int k) {
             colorWord(carrier) = 0;
             word(carrier) |= kBusy;
             if (blockSize(carrier) > kCarrierSize) splitBlock(MH(carrier), kCarrierSize);
+            dropHeldAddress();
             start = carrier + 4;
             length = blockSize(carrier) - 8;
         } else {
@@ -576,6 +619,7 @@ char const* MemoryAllocator::verify() const {
     unsigned long walkAllocatedByColor[64] = {}, walkFreeByColor[64] = {};
     unsigned long freeOrdinary = 0, free80 = 0, freeSmallCount[7] = {};
 
+    if (addressHeld) return "an address node is held between operations";
     if (!arenaStart) {
         if (arenaEnd) return "arenaEnd set on an empty arena";
         if (freeTree.root || addressTree80.root || addressTreeBig.root) return "free trees of an empty arena";
