@@ -27,6 +27,15 @@
 #include "utils/result.h"
 #include "zosys.h"
 
+#if !defined(__cpp_sized_deallocation)
+// clang enables sized deallocation only with -fsized-deallocation, and the standard
+// header then leaves these out; the library defines them all the same.
+void operator delete(void* p, std::size_t) noexcept;
+void operator delete[](void* p, std::size_t) noexcept;
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept;
+void operator delete[](void* p, std::size_t, std::align_val_t) noexcept;
+#endif
+
 using Utils::Allocator;
 using Utils::HostAllocator;
 using Utils::MemoryAllocator;
