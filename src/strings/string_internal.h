@@ -1,0 +1,37 @@
+// Helpers shared by the string sources; not part of the library's interface.
+#pragma once
+
+#include <cstdint>
+
+#include "utils/allocator.h"
+
+namespace Utils {
+namespace StringInternal {
+
+// The allocator of every string buffer: the process allocator unless a test routed
+// buffers elsewhere (string_testing.h).
+Allocator* bufferAllocator();
+
+// Membership in a NUL-terminated set of characters, answered as strchr(set, c) != 0
+// would: the NUL character is always a member (strchr finds the terminator). A null
+// set holds only NUL.
+class CharSet {
+public:
+    explicit CharSet(char const* set) {
+        bits[0] = 1;  // NUL
+        bits[1] = bits[2] = bits[3] = 0;
+        if (set)
+            for (; *set; ++set) add(static_cast<unsigned char>(*set));
+    }
+    bool has(char c) const {
+        unsigned char u = static_cast<unsigned char>(c);
+        return (bits[u >> 6] >> (u & 63)) & 1;
+    }
+
+private:
+    void add(unsigned char u) { bits[u >> 6] |= std::uint64_t(1) << (u & 63); }
+    std::uint64_t bits[4];
+};
+
+}  // namespace StringInternal
+}  // namespace Utils

@@ -1,0 +1,468 @@
+// StringRep: the counted, NUL-terminated buffer behind every String.
+//
+// Layout and invariants (checked by tests through the public fields):
+//
+//   data --> [c0 c1 ... c(length-1) NUL  slack ...........]
+//             <------------- capacity (as reported) ------>
+//
+//  - capacity == 0: nothing owned; data == emptyText(), length == 0. Every release
+//    path (resizeFor(0), donate, trim of an all-blank text, the destructor) ends here.
+//  - capacity != 0: data is a block of bufferAllocator(), capacity is the block's
+//    usable size as reported (clamped to 32 bits), capacity > length and
+//    data[length] == NUL.
+//  - A buffer only grows (to the smallest power of two above the request, at least
+//    16 bytes) and keeps the memory colour of the block it replaces.
+//  - length <= String::maxLength, so that npos (0xFFFFFFFF) is never a position and
+//    no 32-bit field wraps. Every position and count argument is compared at its full
+//    64-bit width before it is narrowed into a field.
+//  - Growing is all-or-nothing: when the allocator gives no block or the result would
+//    be longer than String::maxLength, the operation leaves the text as it was.
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+#include "strings/string_internal.h"
+#include "strings/string_testing.h"
+#include "utils/string.h"
+
+namespace Utils {
+
+namespace {
+
+// The one read-only empty text every buffer-less representation points at.
+char const gEmptyText[1] = {0};
+
+// The total-string-memory counter: kept, deliberately never changed.
+unsigned int gTotalStringMemory = 0;
+
+std::atomic<Allocator*> gBufferAllocator{nullptr};
+
+inline char* emptyData() { return const_cast<char*>(gEmptyText); }
+
+// A temporary private copy of bytes that lie inside the buffer being edited, so that
+// moving or growing the buffer cannot pull the source away.
+class DetachedBytes {
+public:
+    DetachedBytes(char const* s, unsigned long n) : bytes(new (std::nothrow) char[n ? n : 1]) {
+        if (bytes) std::memcpy(bytes, s, n);
+    }
+    ~DetachedBytes() { delete[] bytes; }
+    DetachedBytes(DetachedBytes const&) = delete;
+    char const* get() const { return bytes; }
+
+private:
+    char* bytes;
+};
+
+}  // namespace
+
+namespace StringTesting {
+Allocator* setBufferAllocator(Allocator* a) { return gBufferAllocator.exchange(a, std::memory_order_acq_rel); }
+}  // namespace StringTesting
+
+Allocator* StringInternal::bufferAllocator() {
+    Allocator* a = gBufferAllocator.load(std::memory_order_acquire);
+    return a ? a : Allocator::theAllocator();
+}
+
+unsigned long ZofTotalStringMemory() { return gTotalStringMemory; }
+
+char const* StringRep::emptyText() { return gEmptyText; }
+
+StringRep::StringRep() { init(); }
+
+StringRep::StringRep(char const* s, unsigned long n) {
+    init();
+    if (!s || n == 0) return;
+    if (n > String::maxLength || !grow(n)) return;
+    std::memcpy(data, s, n);
+    data[n] = 0;
+    length = static_cast<unsigned int>(n);
+}
+
+StringRep::~StringRep() { resizeFor(0); }
+
+void StringRep::init() {
+    length = 0;
+    capacity = 0;
+    refs = 0;
+    data = emptyData();
+}
+
+StringRep& StringRep::operator=(char const* s) {
+    if (!s || !*s) {
+        resizeFor(0);
+        return *this;
+    }
+    unsigned long n = std::strlen(s);
+    if (n > String::maxLength) return *this;
+    if (inBuffer(s)) {
+        // Assigning a piece of this very text: the bytes move down within the buffer.
+        std::memmove(data, s, n + 1);
+        length = static_cast<unsigned int>(n);
+        return *this;
+    }
+    if (!grow(n)) return *this;
+    std::memcpy(data, s, n + 1);
+    length = static_cast<unsigned int>(n);
+    return *this;
+}
+
+StringRep& StringRep::operator=(char c) {
+    if (!grow(1)) return *this;
+    data[0] = c;  // no test of c: assigning NUL gives length 1
+    data[1] = 0;
+    length = 1;
+    return *this;
+}
+
+unsigned long StringRep::sizeFor(unsigned long n) {
+    if (n <= 15) return 16;
+    if (n >= (1UL << 63)) return 0;  // no power of two above n fits
+    return 1UL << (64 - __builtin_clzl(n));
+}
+
+bool StringRep::grow(unsigned long n) {
+    // Precondition: 0 < n <= String::maxLength.
+    unsigned long r = sizeFor(n);
+    if (r <= capacity) return true;
+    Allocator* a = StringInternal::bufferAllocator();
+    void* block = capacity ? a->alloc(r, a->color(data)) : a->alloc(r);
+    if (!block) return false;
+    unsigned long got = a->size(block);
+    if (got <= n) {  // an allocator that reports less than it was asked for
+        a->free(block);
+        return false;
+    }
+    if (got > 0xFFFFFFFFUL) got = 0xFFFFFFFFUL;  // capacity is 32 bits; the rest stays unused
+    char* fresh = static_cast<char*>(block);
+    unsigned long keep = std::min<unsigned long>(length, n);
+    if (capacity) {
+        std::memcpy(fresh, data, keep);
+        a->free(data);
+    }
+    fresh[keep] = 0;  // terminated even before the caller writes, so text() is always a C string
+    data = fresh;
+    capacity = static_cast<unsigned int>(got);
+    length = static_cast<unsigned int>(keep);
+    return true;
+}
+
+bool StringRep::resizeFor(unsigned long n) {
+    if (n == 0) {
+        if (capacity) StringInternal::bufferAllocator()->free(data);
+        length = 0;
+        capacity = 0;
+        data = emptyData();
+        return true;
+    }
+    if (n > String::maxLength) return false;
+    return grow(n);
+}
+
+bool StringRep::inBuffer(char const* s) const {
+    if (!capacity || !s) return false;
+    auto p = reinterpret_cast<std::uintptr_t>(s);
+    auto b = reinterpret_cast<std::uintptr_t>(data);
+    return p >= b && p - b < capacity;
+}
+
+void StringRep::appendRaw(char const* s, unsigned long n) {
+    // s does not lie in this buffer.
+    if (n == 0) {
+        if (length == 0) resizeFor(0);  // as growing to length + 0: an emptied buffer is released
+        return;
+    }
+    if (n > String::maxLength - length || !grow(length + n)) return;
+    std::memcpy(data + length, s, n);
+    length += static_cast<unsigned int>(n);
+    data[length] = 0;
+}
+
+void StringRep::append(char const* s, unsigned long n) {
+    if (!s) return;
+    if (n == 0 || !inBuffer(s)) {
+        appendRaw(s, n);
+        return;
+    }
+    // The source is (part of) this text, as in s += s: remember where it sits so it
+    // can be read from the old block after the buffer moved.
+    if (n > String::maxLength - length) return;
+    unsigned long offset = static_cast<unsigned long>(s - data);
+    if (sizeFor(length + n) <= capacity) {
+        std::memmove(data + length, data + offset, n);
+    } else {
+        Allocator* a = StringInternal::bufferAllocator();
+        unsigned long r = sizeFor(length + n);
+        void* block = a->alloc(r, a->color(data));
+        if (!block) return;
+        unsigned long got = a->size(block);
+        if (got <= length + n) {
+            a->free(block);
+            return;
+        }
+        if (got > 0xFFFFFFFFUL) got = 0xFFFFFFFFUL;
+        char* fresh = static_cast<char*>(block);
+        std::memcpy(fresh, data, length);
+        std::memcpy(fresh + length, data + offset, n);
+        a->free(data);
+        data = fresh;
+        capacity = static_cast<unsigned int>(got);
+    }
+    length += static_cast<unsigned int>(n);
+    data[length] = 0;
+}
+
+void StringRep::append(char const* s) {
+    if (!s) return;
+    append(s, std::strlen(s));
+}
+
+void StringRep::append(char c) {
+    if (length >= String::maxLength || !grow(static_cast<unsigned long>(length) + 1)) return;
+    data[length] = c;
+    ++length;
+    data[length] = 0;
+}
+
+StringRep* StringRep::unshare() {
+    if (refs < 2) return this;
+    StringRep* copy = new (std::nothrow) StringRep(data, length);
+    if (!copy) return nullptr;
+    if (copy->length != length) {  // the allocator had no block for the copy
+        delete copy;
+        return nullptr;
+    }
+    copy->refs = 1;
+    --refs;
+    return copy;
+}
+
+bool StringRep::expandTo(unsigned long n) {
+    if (length >= n) return true;
+    if (n > String::maxLength || !grow(n)) return false;
+    std::memset(data + length, ' ', n - length);
+    length = static_cast<unsigned int>(n);
+    data[length] = 0;
+    return true;
+}
+
+void StringRep::replaceRaw(char const* s, unsigned long n, unsigned long pos) {
+    // s does not lie in this buffer.
+    if (pos < length) {
+        if (n <= length - pos) {  // entirely inside: overwrite in place
+            std::memcpy(data + pos, s, n);
+            return;
+        }
+        // runs past the end: overwrite the tail and grow
+        if (n > String::maxLength - pos || !grow(pos + n)) return;
+        std::memcpy(data + pos, s, n);
+        length = static_cast<unsigned int>(pos + n);
+        data[length] = 0;
+        return;
+    }
+    if (pos == length) {
+        appendRaw(s, n);
+        return;
+    }
+    // a gap before pos: blanks, then the bytes
+    if (pos > String::maxLength || n > String::maxLength - pos || !grow(pos + n)) return;
+    std::memset(data + length, ' ', pos - length);
+    std::memcpy(data + pos, s, n);
+    length = static_cast<unsigned int>(pos + n);
+    data[length] = 0;
+}
+
+void StringRep::replace(char const* s, unsigned long n, unsigned long from, unsigned long pos) {
+    if (!s) {
+        if (n) return;
+        s = gEmptyText;
+        from = 0;
+    }
+    char const* src = s + from;
+    if (n && (inBuffer(src) || inBuffer(src + n - 1))) {
+        DetachedBytes copy(src, n);
+        if (copy.get()) replaceRaw(copy.get(), n, pos);
+        return;
+    }
+    replaceRaw(src, n, pos);
+}
+
+void StringRep::insertRaw(char const* s, unsigned long n, unsigned long pos) {
+    // s does not lie in this buffer.
+    if (pos > length) {  // old text, blanks up to pos, then the bytes
+        replaceRaw(s, n, pos);
+        return;
+    }
+    if (n == 0) {
+        if (length == 0) resizeFor(0);  // as growing to length + 0
+        return;
+    }
+    if (n > String::maxLength - length || !grow(length + n)) return;
+    std::memmove(data + pos + n, data + pos, length - pos);
+    std::memcpy(data + pos, s, n);
+    length += static_cast<unsigned int>(n);
+    data[length] = 0;
+}
+
+void StringRep::insert(char const* s, unsigned long n, unsigned long from, unsigned long pos) {
+    if (!s) {
+        if (n) return;
+        s = gEmptyText;
+        from = 0;
+    }
+    char const* src = s + from;
+    if (n && (inBuffer(src) || inBuffer(src + n - 1))) {
+        DetachedBytes copy(src, n);
+        if (copy.get()) insertRaw(copy.get(), n, pos);
+        return;
+    }
+    insertRaw(src, n, pos);
+}
+
+void StringRep::remove(unsigned long pos, unsigned long n) {
+    unsigned long start = std::min<unsigned long>(pos, length);
+    unsigned long end = start + std::min<unsigned long>(n, length - start);  // cannot wrap
+    if (start == end) return;
+    std::memmove(data + start, data + end, length - end + 1);  // the NUL comes along
+    length -= static_cast<unsigned int>(end - start);
+}
+
+void StringRep::toUpper() {
+    for (unsigned long i = 0; i < length; ++i)
+        data[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(data[i])));
+}
+
+void StringRep::toLower() {
+    for (unsigned long i = 0; i < length; ++i)
+        data[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(data[i])));
+}
+
+unsigned long StringRep::index(char c, unsigned long pos) const {
+    if (pos >= length) return String::npos;
+    char const* p = std::strchr(data + pos, c);  // kept: finds the terminator for c == NUL
+    return p ? static_cast<unsigned long>(p - data) : String::npos;
+}
+
+unsigned long StringRep::indexChar(char const* set, unsigned long pos) const {
+    if (pos >= length) return String::npos;
+    StringInternal::CharSet cs(set);
+    for (unsigned long i = pos; i < length; ++i)
+        if (cs.has(data[i])) return i;
+    return String::npos;
+}
+
+unsigned long StringRep::rindexChar(char const* set, unsigned long pos) const {
+    if (length == 0) return String::npos;
+    // npos, or any position past the text, means "from the last character": reading
+    // past the end is never right, and 0xFFFFFFFF must not alias a real position.
+    unsigned long i = pos >= length ? length - 1UL : pos;
+    StringInternal::CharSet cs(set);
+    for (;; --i) {
+        if (cs.has(data[i])) return i;
+        if (i == 0) return String::npos;
+    }
+}
+
+unsigned long StringRep::index(char const* pat, unsigned long pos) const {
+    if (!pat || pos >= length) return String::npos;
+    char const* p = std::strstr(data + pos, pat);
+    return p ? static_cast<unsigned long>(p - data) : String::npos;
+}
+
+void StringRep::substitute(char const* from, char const* to) {
+    // Same result as replacing match by match (overwrite, then insert or remove the
+    // difference, resuming the search just past the text written), done in one pass:
+    // every match is at a position of the original text, so they are counted first,
+    // the buffer grows once, and the text is rewritten front to back.
+    if (!from || !*from || length == 0) return;
+    if (!to) to = gEmptyText;
+    if (inBuffer(from) || inBuffer(to)) {
+        DetachedBytes f(from, std::strlen(from) + 1);
+        DetachedBytes t(to, std::strlen(to) + 1);
+        if (f.get() && t.get()) substitute(f.get(), t.get());
+        return;
+    }
+    unsigned long f = std::strlen(from);
+    unsigned long t = std::strlen(to);
+
+    unsigned long matches = 0;
+    for (char const* p = std::strstr(data, from); p; p = std::strstr(p + f, from)) {
+        ++matches;
+        if (static_cast<unsigned long>(p - data) + f >= length) break;
+    }
+    if (matches == 0) return;
+
+    unsigned long shift = 0;  // how far the original text moves right before rewriting
+    unsigned long newLength = length;
+    if (t > f) {
+        unsigned long d = t - f;
+        if (matches > (String::maxLength - length) / d) return;
+        shift = matches * d;
+        newLength = length + shift;
+        if (!grow(newLength)) return;
+        std::memmove(data + shift, data, static_cast<unsigned long>(length) + 1);
+    } else {
+        newLength = length - matches * (f - t);
+    }
+    // Rewrite: r reads the original text, w writes the result. r - w is the growth
+    // still owed to the matches ahead, so the writer never overtakes unread text.
+    char* w = data;
+    char const* r = data + shift;
+    char const* end = data + shift + length;
+    for (unsigned long k = 0; k < matches; ++k) {
+        char const* m = std::strstr(r, from);
+        unsigned long gap = static_cast<unsigned long>(m - r);
+        std::memmove(w, r, gap);
+        w += gap;
+        std::memcpy(w, to, t);
+        w += t;
+        r = m + f;
+    }
+    std::memmove(w, r, static_cast<unsigned long>(end - r) + 1);
+    length = static_cast<unsigned int>(newLength);
+}
+
+void StringRep::rotateLeft(unsigned long n) {
+    if (length <= 1) return;
+    unsigned long k = n % length;
+    if (k == 0) return;
+    std::rotate(data, data + k, data + length);  // in place: no scratch block to fail
+}
+
+char* StringRep::donate() {
+    char* kept = data;
+    capacity = 0;  // so that resizeFor(0) frees nothing
+    resizeFor(0);
+    return kept;
+}
+
+void StringRep::consume(char* s) {
+    resizeFor(0);
+    if (!s || !*s) return;  // deliberately not adopted: an empty s stays the caller's
+    unsigned long n = std::strlen(s);
+    if (n > String::maxLength) return;
+    data = s;
+    length = static_cast<unsigned int>(n);
+    capacity = static_cast<unsigned int>(n + 1);
+}
+
+void StringRep::trim() {
+    char* start = data;
+    while (std::isspace(static_cast<unsigned char>(*start))) ++start;  // stops at the NUL
+    char* end = data + length;
+    while (end > start && std::isspace(static_cast<unsigned char>(end[-1]))) --end;
+    if (start == data && end == data + length) return;
+    if (end - start < 1) {
+        resizeFor(0);
+        return;
+    }
+    length = static_cast<unsigned int>(end - start);
+    std::memmove(data, start, length);
+    data[length] = 0;
+}
+
+}  // namespace Utils
