@@ -13,6 +13,7 @@ int main() {
     tourMemory();
     tourPageAlloc();
     tourLog();
+    tourStrings();
     std::printf("\nEnd of the tour.\n");
     return 0;
 }

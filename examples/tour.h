@@ -8,3 +8,4 @@ void tourContainers();
 void tourMemory();
 void tourPageAlloc();
 void tourLog();
+void tourStrings();
