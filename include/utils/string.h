@@ -32,6 +32,14 @@
 
 #include "utils/export.h"
 
+// Private helpers of the exported classes stay out of the ABI (and are called
+// directly inside the library, not through the symbol table).
+#if defined(__GNUC__)
+#define ZO_STRING_PRIVATE __attribute__((visibility("hidden")))
+#else
+#define ZO_STRING_PRIVATE
+#endif
+
 namespace Utils {
 
 class String;
@@ -146,11 +154,11 @@ public:
 
 private:
     friend class String;
-    bool grow(unsigned long n);
-    void appendRaw(char const* s, unsigned long n);
-    void replaceRaw(char const* s, unsigned long n, unsigned long pos);
-    void insertRaw(char const* s, unsigned long n, unsigned long pos);
-    bool inBuffer(char const* s) const;
+    ZO_STRING_PRIVATE bool grow(unsigned long n);
+    ZO_STRING_PRIVATE void appendRaw(char const* s, unsigned long n);
+    ZO_STRING_PRIVATE void replaceRaw(char const* s, unsigned long n, unsigned long pos);
+    ZO_STRING_PRIVATE void insertRaw(char const* s, unsigned long n, unsigned long pos);
+    ZO_STRING_PRIVATE bool inBuffer(char const* s) const;
 };
 
 // ---------------------------------------------------------------------------
@@ -325,7 +333,8 @@ public:
 
 private:
     friend class StringChar;
-    bool makeOwn(bool create);
+    ZO_STRING_PRIVATE bool makeOwn(bool create);
+    ZO_STRING_PRIVATE bool appendInPlace(char const* s, unsigned long n);
 
     StringRep* rep;
 };
@@ -375,7 +384,7 @@ public:
     int icompare(char const* s) const;
 
 private:
-    void set(unsigned long pos, unsigned long len);
+    ZO_STRING_PRIVATE void set(unsigned long pos, unsigned long len);
 };
 
 // ---------------------------------------------------------------------------

@@ -49,6 +49,18 @@ bool String::makeOwn(bool create) {
     return true;
 }
 
+// The common case of every append: a private buffer with room to spare. Writes n > 0
+// bytes of s at the end and returns true, or returns false for the general path.
+// s may lie in the buffer: nothing moves here, so a copy within it is enough.
+inline bool String::appendInPlace(char const* s, unsigned long n) {
+    StringRep* r = rep;
+    if (!r || r->refs != 1 || n == 0 || n >= r->capacity - r->length) return false;
+    std::memmove(r->data + r->length, s, n);
+    r->length += static_cast<unsigned int>(n);
+    r->data[r->length] = 0;
+    return true;
+}
+
 String::String(char const* s) : rep(newRep()) {
     if (!rep || !s || !*s) return;
     unsigned long n = std::strlen(s);
@@ -160,18 +172,26 @@ String& String::operator+=(String const& o) {
     // one StringRep::append reads it from the old block when the buffer moves.
     char const* src = o.rep->data;
     unsigned long n = o.rep->length;
+    if (appendInPlace(src, n)) return *this;
     if (makeOwn(false)) rep->append(src, n);
     return *this;
 }
 
 String& String::operator+=(char const* s) {
     if (!rep) return *this = String(s);
+    if (s && appendInPlace(s, std::strlen(s))) return *this;
     if (makeOwn(false)) rep->append(s);
     return *this;
 }
 
 String& String::operator+=(char c) {
     if (!rep) return *this = String(c);
+    StringRep* r = rep;
+    if (r->refs == 1 && r->length + 1UL < r->capacity) {
+        r->data[r->length] = c;
+        r->data[++r->length] = 0;
+        return *this;
+    }
     if (makeOwn(false)) rep->append(c);
     return *this;
 }
@@ -198,6 +218,7 @@ String& String::operator+=(double d) {
 
 String& String::append(char const* s, unsigned long n) {
     if (!rep) return *this = String(s, n);
+    if (s && appendInPlace(s, n)) return *this;
     if (makeOwn(false)) rep->append(s, n);
     return *this;
 }
