@@ -9,6 +9,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "knobs.h"
@@ -1134,6 +1135,30 @@ TEST(StringChar, ReadsAndCopiesCharacters) {
     EXPECT_EQ(str(s), "cbc");
     String& r = (s[1] = 'Z');
     EXPECT_EQ(&r, &s);
+}
+
+TEST(StringThreads, SeparateStringsOnSeparateThreads) {
+    // Strings are values: threads that never share one need no lock; their buffers
+    // come from the process allocator concurrently.
+    std::vector<std::thread> threads;
+    std::vector<int> ok(4, 0);
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([t, &ok] {
+            int good = 0;
+            for (int i = 0; i < 2000; ++i) {
+                String s("x.y");
+                s += static_cast<long>(t);
+                String c = s;
+                c += s;
+                String r = c.substitute(".", "::");
+                std::string want = "x::y" + std::to_string(t) + "x::y" + std::to_string(t);
+                if (str(r) == want && str(s) == "x.y" + std::to_string(t)) ++good;
+            }
+            ok[static_cast<size_t>(t)] = good;
+        });
+    }
+    for (std::thread& th : threads) th.join();
+    for (int good : ok) EXPECT_EQ(good, 2000);
 }
 
 // ===========================================================================
