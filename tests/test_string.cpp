@@ -37,14 +37,8 @@ std::string str(SubString const& v) { return v.chars() ? std::string(v.chars(), 
 std::string repProblem(StringRep const* r) {
     if (!r) return "";
     if (r->refs == 0) return "refs 0 on a held representation";
-    if (r->capacity == 0) {
-        if (r->data != StringRep::emptyText()) return "buffer-less rep not at the shared empty text";
-        if (r->length != 0) return "buffer-less rep with a length";
-        return "";
-    }
-    if (r->capacity <= r->length) return "capacity not above length";
-    if (r->data[r->length] != 0) return "not NUL-terminated at length";
-    return "";
+    char const* problem = r->verify();
+    return problem ? problem : "";
 }
 
 // A test allocator over malloc: remembers each block's colour, reports exactly the size
@@ -116,6 +110,30 @@ TEST(StringRep, SizeForIsSmallestPowerOfTwoAboveNAtLeast16) {
     EXPECT_EQ(StringRep::sizeFor(32), 64UL);
     EXPECT_EQ(StringRep::sizeFor(1000), 1024UL);
     EXPECT_EQ(StringRep::sizeFor(0xFFFFFFFEUL), 0x100000000UL);
+}
+
+TEST(StringRep, VerifierReportsBrokenInvariants) {
+    StringRep r("abc", 3);
+    EXPECT_EQ(r.verify(), nullptr);
+    r.data[3] = 'x';
+    EXPECT_STREQ(r.verify(), "no NUL at data[length]");
+    r.data[3] = 0;
+    unsigned int cap = r.capacity;
+    r.length = cap;
+    EXPECT_STREQ(r.verify(), "length not below capacity");
+    r.length = 3;
+    StringRep e;
+    e.length = 2;
+    EXPECT_STREQ(e.verify(), "owns nothing but has a length");
+    e.length = 0;
+    EXPECT_EQ(e.verify(), nullptr);
+    String s("abcdef");
+    SubStringRep v(s, 2, 3);
+    EXPECT_EQ(v.verify(), nullptr);
+    v.length = 9;
+    EXPECT_STREQ(v.verify(), "view runs past the parent text");
+    v.start = 6;
+    EXPECT_STREQ(v.verify(), "start not inside the parent text");
 }
 
 TEST(StringRep, FreshRepresentationOwnsNothing) {
@@ -1338,6 +1356,7 @@ private:
         for (int k = 0; k < kSlots; ++k) check(k, "sweep");
         for (KeptView const& v : views) {
             ASSERT_EQ(v.view.start(), v.start) << "view start, step " << stepNo;
+            ASSERT_EQ(v.view.representation()->verify(), nullptr) << "view, step " << stepNo;
             ASSERT_EQ(str(v.view), v.text) << "view text, step " << stepNo;
             ASSERT_EQ(String(v.view).isNull(), v.parentNull) << "view parent, step " << stepNo;
             ASSERT_TRUE(v.view == v.text.c_str()) << "view ==, step " << stepNo;

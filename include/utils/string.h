@@ -152,6 +152,9 @@ public:
     // String::maxLength.
     void consume(char* s);
 
+    // Checks the invariants above (refs aside); null when they hold, else what is wrong.
+    char const* verify() const;
+
 private:
     friend class String;
     ZO_STRING_PRIVATE bool grow(unsigned long n);
@@ -382,6 +385,10 @@ public:
     // view. Bounded by the view's length: "abcz" compares 0 with the view "abc".
     int compare(char const* s) const;
     int icompare(char const* s) const;
+
+    // Checks the invariant against the parent's current text and the parent's
+    // representation; null when it holds, else what is wrong.
+    char const* verify() const;
 
 private:
     ZO_STRING_PRIVATE void set(unsigned long pos, unsigned long len);

@@ -465,4 +465,17 @@ void StringRep::trim() {
     data[length] = 0;
 }
 
+char const* StringRep::verify() const {
+    if (capacity == 0) {
+        if (data != gEmptyText) return "owns nothing but data is not the shared empty text";
+        if (length != 0) return "owns nothing but has a length";
+        return nullptr;
+    }
+    if (data == gEmptyText) return "claims a buffer but points at the shared empty text";
+    if (length >= capacity) return "length not below capacity";
+    if (length > String::maxLength) return "length beyond the longest text";
+    if (data[length] != 0) return "no NUL at data[length]";
+    return nullptr;
+}
+
 }  // namespace Utils

@@ -94,6 +94,14 @@ int SubStringRep::compare(char const* s) const { return boundedCompare(orEmpty(s
 
 int SubStringRep::icompare(char const* s) const { return boundedCompare(orEmpty(s), chars(), length, true); }
 
+char const* SubStringRep::verify() const {
+    unsigned long total = parent.length();
+    if (start == 0 && length == 0) return nullptr;
+    if (start >= total) return "start not inside the parent text";
+    if (static_cast<unsigned long>(start) + length > total) return "view runs past the parent text";
+    return parent.representation() ? parent.representation()->verify() : nullptr;
+}
+
 // ---------------------------------------------------------------------------
 // SubString
 // ---------------------------------------------------------------------------
