@@ -13,7 +13,8 @@
 //
 // The level in brackets is left out when it is negative (the library logs its own
 // errors at -3 and warnings at -2). The message follows the last '|' directly and
-// the sink adds the line end. Header plus format are cut at 480 characters.
+// the sink adds the line end. Header plus format are cut at 480 characters before
+// the arguments are expanded; the file sink cuts the expanded line at 478.
 //
 // Filter rule: errors, warnings and infos are always printed while their class has
 // a sink; a debug line is printed only when its category is enabled and its level is
@@ -23,7 +24,13 @@
 // filter check takes no lock; a line is formatted in a buffer of its own call and
 // reaches its sink whole. Sinks are called without any hub lock held, so a sink may
 // log, raise errors or replace sinks itself; a sink is never deleted while a line
-// is printing through it. Printing changes no reference count.
+// is printing through it. Printing changes no reference count. Line counters are
+// exact under concurrency. Category creation and the global setters are serialised
+// by the hub's lock.
+//
+// Memory exhaustion: a category that cannot be made gets a number that names
+// nothing (getCategory(n) is null, willPrint false); the per-category setters and
+// getters must not be given such a number.
 //
 // Things that surprise (all kept on purpose):
 //  - The header and the caller's format are expanded together by the sink, so a '%'
