@@ -24,6 +24,7 @@
 #include <gtest/gtest.h>
 
 #include "knobs.h"
+#include "log/log_internal.h"
 #include "utils/log.h"
 #include "utils/result.h"
 #include "zosys.h"
@@ -696,6 +697,24 @@ TEST(LogSinks, SetLoggerNullSilencesEveryClass) {
     unsigned int e, w, i, d;
     log.logStats(e, w, i, d);
     EXPECT_EQ(e + w + i + d, 0u);
+}
+
+// White-box: the unload step's part for the default sink. The hub keeps its four
+// references, so the sink lives on; a later theDefaultLogger() makes a new one.
+TEST(LogLifetime, UnloadStepDropsTheDefaultSinkReference) {
+    Log* hub = Log::theLog();
+    Logger* before = Log::theDefaultLogger().get();
+    hub->setLogger(before);  // every class of the process hub on it
+    unsigned int refs = before->refCount();
+    detail::dropDefaultLogger();
+    EXPECT_EQ(Log::theDefaultLogger_.get(), nullptr);
+    EXPECT_EQ(before->refCount(), refs - 1);
+    EXPECT_EQ(hub->logger(MessageError), before);
+    CountedRef<Logger> again = Log::theDefaultLogger();
+    EXPECT_NE(again.get(), nullptr);
+    EXPECT_EQ(again->refCount(), 2u);  // the slot and this holder
+    hub->setLogger(again.get());  // the replaced sink had no other holder: deleted
+    EXPECT_EQ(again->refCount(), 6u);
 }
 
 TEST(LogSinks, DefaultSinkIsOneSharedStdErrSink) {

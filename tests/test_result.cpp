@@ -328,6 +328,9 @@ TEST(Results, ConcurrentRaisingAndQueryingKeepsEveryTaskExact) {
     unsigned int const threads = 4;
     unsigned int const perThread = static_cast<unsigned int>(zotest::scaled(1500));
     setErrorSuppressed(0x80000100u);
+    Log* log = Log::theLog();
+    unsigned int e0, w0, i0, d0;
+    log->logStats(e0, w0, i0, d0);
     std::atomic<unsigned int> mismatches{0};
     std::vector<std::thread> pool;
     for (unsigned int t = 0; t < threads; ++t) {
@@ -350,6 +353,7 @@ TEST(Results, ConcurrentRaisingAndQueryingKeepsEveryTaskExact) {
                     if (expect != resultToString(code)) mismatches.fetch_add(1);
                 }
                 raiseError(code);
+                log->print(MessageInfo, "stress", -1, "f", 1, "thread %u step %u", t, i);
             }
             if (lastError() != (0x80000000u | ((t + 1) << 16) | ((perThread - 1) & 0xFFFF))) mismatches.fetch_add(1);
         });
@@ -359,7 +363,12 @@ TEST(Results, ConcurrentRaisingAndQueryingKeepsEveryTaskExact) {
     removeResultListener(&l);
     EXPECT_EQ(mismatches.load(), 0u);
     EXPECT_EQ(l.calls.load(), 2 * threads * perThread);
-    EXPECT_EQ(hub.capture->lines.size(), 2 * threads * perThread);
+    EXPECT_EQ(hub.capture->lines.size(), 3 * threads * perThread);
+    unsigned int e1, w1, i1, d1;
+    log->logStats(e1, w1, i1, d1);
+    EXPECT_EQ(e1 - e0, 2 * threads * perThread);
+    EXPECT_EQ(i1 - i0, threads * perThread);
+    EXPECT_EQ(w1 - w0, 0u);
 }
 
 // White-box: what the process allocator meets when an allocation made under one of
