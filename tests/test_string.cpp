@@ -1533,6 +1533,12 @@ private:
             Model mr = mSubstitute(m, from, to);
             ASSERT_EQ(r.isNull(), mr.null) << "substitute step " << stepNo;
             ASSERT_EQ(str(r), mr.s) << "substitute '" << from << "' -> '" << to << "' step " << stepNo;
+            if (!m.null) {  // the buffer's own in-place substitution gives the same text
+                StringRep sr(m.s.c_str(), m.s.size());
+                sr.substitute(from.c_str(), to.c_str());
+                ASSERT_EQ(str(sr), mr.s) << "StringRep::substitute step " << stepNo;
+                ASSERT_EQ(sr.verify(), nullptr) << "StringRep::substitute step " << stepNo;
+            }
             what = "substitute";
             break;
         }

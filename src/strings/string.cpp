@@ -336,9 +336,37 @@ void String::resizeFor(unsigned long n) {
 }
 
 String String::substitute(char const* from, char const* to) const {
+    // The result is what StringRep::substitute makes of a copy of the text up to its
+    // first NUL; built here in one pass into a buffer of the final size instead.
     if (!rep) return String();
-    String r(rep->data);  // up to the first NUL
-    if (r.rep) r.rep->substitute(from, to);
+    char const* src = rep->data;
+    if (!from || !*from) return String(src);
+    if (!to) to = StringRep::emptyText();
+    unsigned long f = std::strlen(from);
+    unsigned long t = std::strlen(to);
+    unsigned long n = std::strlen(src);
+    unsigned long matches = 0;
+    for (char const* p = std::strstr(src, from); p; p = std::strstr(p + f, from)) ++matches;
+    if (matches == 0) return String(src);
+    if (t > f && matches > (maxLength - n) / (t - f)) return String(src);  // too long: unchanged
+    unsigned long total = t >= f ? n + matches * (t - f) : n - matches * (f - t);
+    String r;
+    r.rep = newRep();
+    if (!r.rep || total == 0) return r;
+    if (!r.rep->resizeFor(total)) return String(src);
+    char* w = r.rep->data;
+    char const* p = src;
+    for (unsigned long k = 0; k < matches; ++k) {
+        char const* m = std::strstr(p, from);
+        std::memcpy(w, p, static_cast<unsigned long>(m - p));
+        w += m - p;
+        std::memcpy(w, to, t);
+        w += t;
+        p = m + f;
+    }
+    std::memcpy(w, p, static_cast<unsigned long>(src + n - p));
+    r.rep->data[total] = 0;
+    r.rep->length = static_cast<unsigned int>(total);
     return r;
 }
 
