@@ -37,10 +37,10 @@ inline unsigned long pageNumber(void const* p) {
     return reinterpret_cast<std::uintptr_t>(p) >> kPageShift;
 }
 
+// log2 of the chunk for `size` bytes (at most kMaxChunk): the smallest power of
+// two not below size, at least 16.
 constexpr unsigned int shiftFor(unsigned long size) {
-    unsigned int shift = kMinShift;
-    while ((1ul << shift) < size) ++shift;
-    return shift;
+    return size <= (1ul << kMinShift) ? kMinShift : 64u - static_cast<unsigned int>(__builtin_clzl(size - 1));
 }
 
 }  // namespace bsd
