@@ -642,6 +642,37 @@ TEST_F(BSDAllocatorTest, APageAllocatorServesAsAnotherOnesParent) {
     EXPECT_GT(outer.allocatedMemory(), inner.allocatedMemory());
 }
 
+// The process allocator aligns its blocks to 16 bytes, not to pages: every region
+// that happens not to be page aligned is logged, given back and asked again one
+// page larger, and the page allocator works on the whole pages inside.
+TEST_F(BSDAllocatorTest, TheProcessAllocatorServesAsAParentThroughWholePages) {
+    BSDAllocator a(Allocator::theAllocator());
+    a.init();
+    std::mt19937 rng(5);
+    std::vector<std::pair<unsigned char*, unsigned long>> blocks;
+    for (int k = 0; k < 2000; ++k) {
+        unsigned long n = rng() % 3 ? rng() % 2049 : 2049 + rng() % 30000;
+        auto* p = static_cast<unsigned char*>(a.alloc(n, rng() % 3));
+        ASSERT_NE(p, nullptr);
+        std::memset(p, k & 0xFF, n);
+        blocks.push_back({p, n});
+        if (k % 3 == 2) {
+            auto [q, m] = blocks[static_cast<std::size_t>(rng()) % blocks.size()];
+            if (m) {
+                ASSERT_EQ(q[m - 1], q[0]);
+            }
+        }
+    }
+    VERIFY(a);
+    for (auto [p, n] : blocks) a.free(p);
+    VERIFY(a);
+    for (Message const& m : takeMessages()) {
+        EXPECT_TRUE(m.text == "Allocation is not page aligned" || m.text == "init - Allocation is not page aligned")
+            << m.text;
+        EXPECT_TRUE(m.error);
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Queries
 // ---------------------------------------------------------------------------
