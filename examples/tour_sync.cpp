@@ -1,4 +1,4 @@
-// Tour: locks, events, the light lock and the time value.
+// Tour: identifiers, versions, locks, events, the light lock and the time value.
 #include <cstdio>
 #include <thread>
 
@@ -6,8 +6,30 @@
 #include "utils/event.h"
 #include "utils/lock.h"
 #include "utils/time.h"
+#include "utils/uid.h"
+#include "utils/version.h"
 
 void tourSync() {
+    std::printf("\n-- Identifiers and versions --\n");
+    Utils::UID first, second;
+    first.generate();
+    second.generate();
+    std::printf("two identifiers: %s and %s (machine %08X)\n", first.asText().text(), second.asText().text(),
+                Utils::UID::ourMachineNum());
+    Utils::UID parsed(second.asText().text());
+    std::printf("parsed back: compare = %d; first.compare(second) = %d (1: first is the smaller)\n",
+                parsed.compare(second), first.compare(second));
+    std::printf("null identifier: \"%s\", valid %d\n", Utils::UID::nullUID().asText().text(),
+                Utils::UID::nullUID().valid());
+
+    Utils::CountedRef<Utils::Version> lib = Utils::Version::theVersion();
+    std::printf("library version %s, numbers %u.%u.%u.%u (every number is read from the first component)\n",
+                lib->asString().text(), lib->major(), lib->minor(), lib->revision(), lib->build());
+    Utils::CountedRef<Utils::Version> older = Utils::Version::create(2, 0, 13, 400);
+    Utils::CountedRef<Utils::Version> newer = Utils::Version::create(2, 1, 0, 0);
+    std::printf("%s compared with %s: %d\n", older->asString().text(), newer->asString().text(),
+                older->compare(newer.get()));
+
     std::printf("\n-- Locks, events and time --\n");
 
     // Two threads add to one counter under a Mutex held by a scoped Locker.
