@@ -44,6 +44,8 @@ public:
     // equals id.
     explicit UID(char const* text);
 
+    UID(UID const& other) = default;
+    // Copies the three numbers.
     UID& operator=(UID const& other) = default;
 
     // Makes this identifier a new one: (ourMachineNum(), now, next sequence number).

@@ -11,9 +11,11 @@
 #include <cstdio>
 #include <ctime>
 
+#include "misc/constinit.h"
+
 namespace Utils {
 
-unsigned int UID::ourMachineNum_ = 0;
+ZO_CONSTINIT unsigned int UID::ourMachineNum_ = 0;
 
 namespace {
 
@@ -21,7 +23,7 @@ constexpr unsigned int kDefaultMachine = 0xC0D1F1EDu;
 // Seconds from the C library's epoch to the identifier epoch, 1989-02-07 19:38:39 UTC.
 constexpr unsigned long long kEpochOffset = 602883519ull;  // 0x23EF45BF
 
-std::atomic<unsigned long long> generatorState{0};
+ZO_CONSTINIT std::atomic<unsigned long long> generatorState{0};
 
 int hexDigit(char c) {
     if (c >= '0' && c <= '9') return c - '0';

@@ -5,23 +5,24 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "misc/constinit.h"
 #include "utils/result.h"
 
 namespace Utils {
 
 // Constant-initialised (CountedRef's default constructor is constexpr): usable from
 // any static initialiser; its destructor drops the reference at unload.
-CountedRef<Version> VersionImpl::theVersion_;
+ZO_CONSTINIT CountedRef<Version> VersionImpl::theVersion_;
 
 namespace {
 
 char const kLibraryVersion[] = "1.1.1.1507";
 
 // Guards the counts of all versions. A leaf: nothing else is done while it is held.
-std::mutex countLock;
+ZO_CONSTINIT std::mutex countLock;
 // Guards VersionImpl::theVersion_. Held while a reference to the slot's version is
 // taken (which takes countLock inside); never while a version is made or destroyed.
-std::mutex slotLock;
+ZO_CONSTINIT std::mutex slotLock;
 
 // atoi as it behaved with a 32-bit long: strtol's result saturated to the int range
 // (on LP64 a plain conversion would keep the low 32 bits instead).
