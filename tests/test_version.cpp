@@ -1,5 +1,7 @@
 // Versions: VersionImpl, Version::create, Version::theVersion and comparison.
 #include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -244,6 +246,22 @@ TEST(TheVersion, FirstCallsFromSeveralThreadsAtOnceInstallOneVersion) {
         for (auto& v : got) EXPECT_EQ(VersionImpl::theVersion_.get(), v.get());
         EXPECT_EQ(5u, got[0]->refCount());  // the slot and the four threads
     }
+}
+
+// The slot's reference is dropped by a static destructor when the library unloads
+// (here at process exit), destroying the version when nobody else holds it.
+TEST(TheVersionDeathTest, SlotIsReleasedWhenTheLibraryUnloads) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    struct Loud : VersionImpl {
+        Loud() : VersionImpl(7, 0, 0, 0) {}
+        ~Loud() override { std::fputs("version released at unload\n", stderr); }
+    };
+    EXPECT_EXIT(
+        {
+            VersionImpl::theVersion_ = new Loud;
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "version released at unload");
 }
 
 TEST(VersionCount, CreatedVersionLivesWhileReferenced) {
