@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <random>
@@ -336,13 +337,16 @@ TEST(UIDText, SequenceIsUnpaddedUpperCaseHex) {
     EXPECT_STREQ("0000000A0000000BABCDEF", UID(10, 11, 0xABCDEF).asText().text());
 }
 
-TEST(UIDText, RandomIdentifiersRoundTrip) {
+TEST(UIDText, RandomIdentifiersPrintAsHexFieldsAndRoundTrip) {
     std::mt19937 rng(71);
     unsigned long const n = zotest::scaled(5000);
     for (unsigned long i = 0; i < n; ++i) {
         UID u(rng(), rng(), rng() >> (i % 32));
         if (!u.valid()) continue;
         Utils::String text = u.asText();
+        char expected[32];
+        std::snprintf(expected, sizeof expected, "%08X%08X%X", u.machine, u.time, u.sequence);
+        ASSERT_STREQ(expected, text.text());
         ASSERT_GE(text.length(), 17u);
         ASSERT_LE(text.length(), 24u);
         UID back(text.text());
