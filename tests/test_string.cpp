@@ -756,6 +756,20 @@ TEST(String, Searches) {
     EXPECT_EQ(s.index(static_cast<char const*>(nullptr)), kNpos);
 }
 
+TEST(String, EmbeddedNulsFollowTheCLibrary) {
+    String s("a\0xb", 4);  // counted constructors keep embedded NULs
+    EXPECT_EQ(s.length(), 4UL);
+    EXPECT_EQ(s[2], 'x');
+    EXPECT_EQ(s.index('x'), kNpos);  // strchr stops at the first NUL
+    EXPECT_EQ(s.index('\0'), 1UL);
+    EXPECT_EQ(s.index("xb"), kNpos);  // so does strstr
+    EXPECT_EQ(s.indexChar("x"), 1UL);  // by length, and strchr(set, NUL) matches every set
+    EXPECT_EQ(s.indexChar("x", 2), 2UL);
+    EXPECT_TRUE(s == String("a"));  // strcmp
+    EXPECT_EQ(s.nthIndex(1, 'x'), kNpos);  // walks the NUL-terminated text
+    EXPECT_EQ(str(s.reverse()), std::string("bx\0a", 4));
+}
+
 TEST(String, Reverse) {
     EXPECT_EQ(str(String("abc").reverse()), "cba");
     EXPECT_TRUE(String().reverse().isNull());

@@ -19,7 +19,10 @@
 //    nothing and leaves the string as it was.
 //  - Nothing throws or reports an error. Reads out of range give NUL, searches give
 //    npos, writes past the end pad with blanks (0x20), ranges are clipped. When the
-//    allocator has no block to give, the operation leaves the string as it was.
+//    allocator has no block to give, the operation leaves the string as it was (a
+//    constructor then gives an empty string).
+//  - A null `char const*` argument counts as "" wherever a text is expected, except
+//    where an operation says otherwise.
 //  - There are two kinds of empty string: the null string (no buffer at all; the
 //    default constructor and `String::null_`) and a non-null string of length 0
 //    (every constructor from `char const*`). A few comparisons tell them apart; each
@@ -73,7 +76,9 @@ public:
     StringRep(char const* s, unsigned long n);
     // Frees the buffer; does not look at refs.
     ~StringRep();
+    // Representations are shared by pointer (String), never copied.
     StringRep(StringRep const&) = delete;
+    StringRep& operator=(StringRep const&) = delete;
 
     // The shared empty text every buffer-less representation points at.
     static char const* emptyText();
@@ -368,6 +373,9 @@ public:
     SubStringRep(String const& s, unsigned long pos);
     // len characters from pos, clipped.
     SubStringRep(String const& s, unsigned long pos, unsigned long len);
+    // Shared by pointer (SubString), never copied.
+    SubStringRep(SubStringRep const&) = delete;
+    SubStringRep& operator=(SubStringRep const&) = delete;
 
     // Re-establishes the invariant against the parent's current length.
     void clip();
