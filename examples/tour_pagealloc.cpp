@@ -4,27 +4,48 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <vector>
 
 #include "tour.h"
 #include "utils/allocator.h"
 
 namespace {
 
-// A parent that hands out page-aligned regions from the C library.
+// A parent that hands out page-aligned regions from the C library. The page
+// allocator never gives memory back, so the parent releases its regions itself
+// once the page allocator is gone.
 class AlignedParent : public Utils::Allocator {
 public:
-    void* alloc(unsigned long size) override { return std::aligned_alloc(4096, (size + 4095) & ~4095ul); }
-    void free(void* p) override { std::free(p); }
+    ~AlignedParent() {
+        for (void* r : regions) std::free(r);
+    }
+    void* alloc(unsigned long size) override {
+        void* r = std::aligned_alloc(4096, (size + 4095) & ~4095ul);
+        if (r) regions.push_back(r);
+        return r;
+    }
+    void free(void* p) override {
+        for (void*& r : regions)
+            if (r == p) {
+                r = regions.back();
+                regions.pop_back();
+                std::free(p);
+                return;
+            }
+    }
     unsigned long size(void* p) const override { return malloc_usable_size(p); }
     unsigned long allocatedMemory() const override { return 0; }
     unsigned long internalFree() const override { return 0; }
+
+private:
+    std::vector<void*> regions;
 };
 
 }  // namespace
 
 void tourPageAlloc() {
     std::printf("\n-- Page allocator --\n");
-    AlignedParent parent;
+    AlignedParent parent;  // outlives the page allocator below
     Utils::BSDAllocator pages(&parent);
     pages.init();
     void* small = pages.alloc(100, 3);    // a 128-byte chunk on a page of colour 3

@@ -281,6 +281,12 @@ private:
 // region is logged as "Allocation is not page aligned", given back, and asked again
 // one page larger, and only the whole pages inside it are used.
 //
+// The directory maps the address span from the lowest to the highest page taken
+// from the parent, and moves (doubling) when a region falls outside it; regions
+// more than 512 GiB apart cannot share one directory and such a request fails as
+// "Failed to map new pages: Out of Memory". Each init() takes one of the system
+// layer's thread-local slots for the default colours.
+//
 // Misuse found on release, and parent trouble, are reported to the log category
 // "allocator" (allocLogger) with the source name "bsdalloc"; nothing raises an
 // error except setColor.
