@@ -872,6 +872,25 @@ TEST_F(BSDAllocatorTest, AnOverlappingRunLogsFreelistIsDestroyed) {
     expectOneMessage("freelist is destroyed", true);
 }
 
+TEST_F(BSDAllocatorTest, AnOverlappingRunWithMoreRunsAfterItLogsFreelistIsDestroyed) {
+    TestParent parent;
+    parent.extraBytes = 12 * kPage;
+    BSDAllocator a(&parent);
+    a.init();
+    // Split the free pages into two runs by keeping one page in between.
+    char* first = static_cast<char*>(a.alloc(3 * kPage, 0));
+    char* wall = static_cast<char*>(a.alloc(kPage * 1 + 1, 0));
+    a.free(first);
+    (void)wall;
+    auto runs = Inspect::freeRuns(a);
+    ASSERT_EQ(runs.size(), 2u);
+    VERIFY(a);
+    char* inside = runs.front().start + kPage;
+    Inspect::setEntryOf(a, inside, 2);
+    a.free(inside);
+    expectOneMessage("freelist is destroyed", true);
+}
+
 TEST_F(BSDAllocatorTest, ParentFailureAtInitLogsAndTheNextAllocationRetries) {
     TestParent parent;
     parent.failing = true;
