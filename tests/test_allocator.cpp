@@ -596,6 +596,58 @@ TEST(Arena, ProcessRegionsAcrossAGapOfTheSystemLayerBridgeToo) {
     EXPECT_EQ(nullptr, arena.verify());
 }
 
+TEST(Arena, GapsOf4GiBOrMoreAreBridgedThroughTheFarTable) {
+    // A bridge's step is its whole size word less 3, at most 4 GiB - 16; a longer
+    // one has the word 3, its step kept aside, and the trailer 1.
+    Arena a(1ul << 20, 12ul << 30);
+    void* p = a.arena.alloc(1000);
+    ASSERT_NE(nullptr, p);
+    a.source.leaveGap(5ul << 30);
+    void* q = a.arena.alloc(2ul << 20);
+    ASSERT_NE(nullptr, q);
+    void* bridge = nullptr;
+    for (void* b = a.arena.firstBlock(); b; b = a.arena.nextBlock(b))
+        if ((headerWord(b) & 3) == 3) bridge = b;
+    ASSERT_NE(nullptr, bridge);
+    EXPECT_EQ(3u, headerWord(bridge));
+    EXPECT_EQ(q, a.arena.nextBlock(bridge));
+    EXPECT_EQ((5ul << 30) + 16, addr(q) - addr(bridge));  // from arenaEnd to the new R + 12
+    EXPECT_ARENA_OK(a);
+    a.arena.free(q);  // never merges backwards into the far bridge
+    EXPECT_EQ(1u, MemoryAllocator::busy(bridge));
+    EXPECT_EQ(3u, headerWord(bridge));
+    a.arena.free(p);
+    EXPECT_ARENA_OK(a);
+}
+
+// Hands out its regions from the top of its reservation down.
+class FallingSource : public RegionSource {
+public:
+    FallingSource() : RegionSource(1ul << 16, 1ul << 24) {}
+    void* alloc(unsigned long) override {
+        if (next_ == 0) return nullptr;
+        next_ -= 1ul << 16;
+        mprotect(base() + next_, 1ul << 16, PROT_READ | PROT_WRITE);
+        return base() + next_;
+    }
+    unsigned long size(void*) const override { return 1ul << 16; }
+
+private:
+    unsigned long next_ = 1ul << 24;
+};
+
+TEST(Arena, ARegionBelowTheArenaIsLeftUnused) {
+    FallingSource source;
+    MemoryAllocator arena(&source);
+    arena.init();
+    void* p = arena.alloc(60000);
+    ASSERT_NE(nullptr, p);
+    EXPECT_EQ(nullptr, arena.alloc(60000));  // the second region lies below the first
+    EXPECT_EQ(nullptr, arena.verify());
+    arena.free(p);
+    EXPECT_EQ(nullptr, arena.verify());
+}
+
 TEST(Arena, ANewRegionIsNotMergedWithAFreeBlockEndingTheArena) {
     Arena a(1ul << 16);
     void* p = a.arena.alloc(100);  // the rest of the region is one free block

@@ -71,7 +71,8 @@ public:
     //  - Blocks are 16-byte aligned; the aligned forms honour larger alignments by
     //    over-allocating (size + alignment) and keeping the block's own address in
     //    the 8 bytes before the address returned, so they must be released with the
-    //    matching aligned operator delete.
+    //    matching aligned operator delete. Such an address is not the start of a
+    //    block: size(), color() and valid() do not apply to it.
     static Allocator* theAllocator();
 
 protected:
@@ -114,8 +115,9 @@ private:
 //    release made it free, neighbours merged into it included.
 //  - Regions must come from the parent at increasing addresses (the host's always
 //    do). A region that starts where the previous one ended extends the arena; any
-//    other is joined to it by a bridge block (gaps up to 4 GiB - 16; beyond that,
-//    or below the arena, the region is left unused and the allocation fails).
+//    other is joined to it by a bridge block (up to 16 gaps of 4 GiB or more are
+//    bridged too; a further one, or a region below the arena, is left unused and
+//    the allocation fails).
 //  - No locks: an instance is driven by one thread at a time. The process
 //    allocator behind theAllocator() wraps its instance in a lock.
 // ===========================================================================
@@ -221,12 +223,17 @@ protected:
     // its address node linked (see linkFree); null between operations.
     MemHead* addressHeld;
     bool addressHeldBig;
+    // Bridges over gaps of 4 GiB or more, whose step does not fit their size word.
+    MemHead* farBridges[16];
+    unsigned long farBridgeSteps[16];
+    unsigned int farBridgeCount;
 
 private:
     MemHead* growArena(unsigned long need);
     void linkFree(MemHead* h);
     void unlinkFree(MemHead* h);
     void holdAddress(MemHead* h);
+    unsigned long bridgeStep(MemHead* h) const;
     void dropHeldAddress();
     MemHead* header(void* p) const;
 };

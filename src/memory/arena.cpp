@@ -28,6 +28,10 @@
 //         do not touch. Its step is the whole size word less 3 (so a bridge may span
 //         up to 4 GiB - 16); its trailer, the word before the next block, holds the
 //         step | 1. A bridge is never free, so nothing merges backwards into it.
+//         A far bridge (a gap of 4 GiB or more) has the size word 3 and the trailer
+//         1; its step is kept in farBridges (at most kFarBridges of them). Its
+//         trailer makes the block after it find itself as its predecessor, which is
+//         busy, so nothing merges into a far bridge either.
 //
 //   carrier: a busy ordinary block cut into small blocks. Carving starts at H+4 and
 //         the first small header is at H+16; the 12 bytes skipped hold, at H+4, the
@@ -83,6 +87,7 @@ constexpr unsigned long kMaxBlock = 0x03FFFFF0ul;    // largest multiple of 16 t
 constexpr unsigned long kMaxRequest = 0x03FFFFE8ul;  // (kMaxRequest + 23) & ~15 == kMaxBlock
 constexpr unsigned long kCarrierSize = 10240;
 constexpr unsigned long kMaxBridge = 0xFFFFFFF0ul;
+constexpr unsigned int kFarBridges = 16;
 constexpr unsigned int kSearchKeyMark = 0xFFFFFFFFu;  // never a colour word (those are 0..63)
 constexpr unsigned int kCarrierCounted = 0x80000000u;
 
@@ -202,7 +207,10 @@ MemoryAllocator::MemoryAllocator(Allocator* parentAllocator)
       carriers(nullptr),
       colorAdjustments(),
       addressHeld(nullptr),
-      addressHeldBig(false) {}
+      addressHeldBig(false),
+      farBridges(),
+      farBridgeSteps(),
+      farBridgeCount(0) {}
 
 MemoryAllocator::~MemoryAllocator() {}
 
@@ -365,16 +373,26 @@ MemoryAllocator::MemHead* MemoryAllocator::growArena(unsigned long need) {
         h = r + 12;
         size = regionSize - 16;
         if (arenaStart) {
-            // Regions below the arena, or too far above it for a bridge, stay unused.
-            if (r < end + 4 || static_cast<unsigned long>(h - end) > kMaxBridge) return nullptr;
+            // Regions below the arena stay unused, and so do far ones once the
+            // table of far bridges is full.
+            if (r < end + 4) return nullptr;
+            if (static_cast<unsigned long>(h - end) > kMaxBridge && farBridgeCount == kFarBridges) return nullptr;
         }
     }
     if (size > kMaxBlock) size = kMaxBlock;
     if (size < need) return nullptr;
     if (arenaStart && h != end) {
         unsigned long gap = static_cast<unsigned long>(h - end);
-        word(end) = static_cast<unsigned int>(gap | kBusy | kBridge);
-        word(h - 4) = static_cast<unsigned int>(gap | kBusy);
+        if (gap <= kMaxBridge) {
+            word(end) = static_cast<unsigned int>(gap | kBusy | kBridge);
+            word(h - 4) = static_cast<unsigned int>(gap | kBusy);
+        } else {
+            farBridges[farBridgeCount] = MH(end);
+            farBridgeSteps[farBridgeCount] = gap;
+            ++farBridgeCount;
+            word(end) = kBusy | kBridge;
+            word(h - 4) = kBusy;
+        }
     }
     word(h) = static_cast<unsigned int>(size | kBusy);
     setTrailer(h, size);
@@ -597,10 +615,18 @@ void* MemoryAllocator::nextBlock(void* p) const {
     Head* h = H(p) - 4;
     if (h >= H(arenaEnd)) return nullptr;
     unsigned int w = word(h);
-    unsigned long step = (w & kBridge) ? w - 3ul : (w & kSizeMask);
+    unsigned long step = (w & kBridge) ? bridgeStep(MH(h)) : (w & kSizeMask);
     Head* next = h + step;
     if (next - 4 > H(arenaEnd)) return nullptr;
     return next + 4;
+}
+
+unsigned long MemoryAllocator::bridgeStep(MemHead* m) const {
+    unsigned int w = m->word;
+    if (w != (kBusy | kBridge)) return w - 3ul;
+    for (unsigned int i = 0; i < farBridgeCount; ++i)
+        if (farBridges[i] == m) return farBridgeSteps[i];
+    return 0;
 }
 
 unsigned int MemoryAllocator::busy(void* p) { return p ? word(H(p) - 4) & kBusy : 0; }
@@ -651,9 +677,10 @@ char const* MemoryAllocator::verify() const {
         unsigned int w = word(h);
         if (w & kBridge) {
             if (!(w & kBusy)) return "bridge without its busy bit";
-            unsigned long step = w - 3ul;
+            unsigned long step = bridgeStep(MH(h));
             if (step < 16 || (step & 15) || h + step > end) return "bridge size out of range";
-            if (word(h + step - 4) != (step | kBusy)) return "bridge tail size does not match";
+            bool far = w == (kBusy | kBridge);
+            if (word(h + step - 4) != (far ? kBusy : (step | kBusy))) return "bridge tail size does not match";
             previousFree = false;
             h += step;
             continue;
