@@ -10,6 +10,9 @@
 //   258              following page of an allocated run
 //   above 258        address of the pginfo of a chunk page
 //
+// The first directory is one page, 512 eight-byte entries (mapping 2 MiB); it
+// grows in whole pages. Byte counters are 32-bit and wrap like the arena's.
+//
 //   directory:  [2][258][1][1][1][pginfo*][2+7][258][258][0][0][1] ...
 //               \dir's /\free run/ chunk pg \run of colour 7/ not ours
 //
