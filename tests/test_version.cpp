@@ -186,6 +186,26 @@ TEST(VersionCompare, ForeignVersionRaisesBadArgumentAndReturnsZero) {
     EXPECT_EQ(std::vector<unsigned>{kBadArgument}, raised.codes);
 }
 
+TEST(VersionCompare, FailuresOnSeveralThreadsAtOnceSetEachThreadsOwnLastError) {
+    // Suppressed so that the run stays quiet; a suppressed code is still recorded.
+    Utils::setErrorSuppressed(kBadArgument);
+    CountedRef<Version> a = Version::create(1, 2, 3, 4);
+    std::vector<int> wrong(4, 0);
+    std::vector<std::thread> pool;
+    for (auto& w : wrong)
+        pool.emplace_back([&w, &a] {
+            for (int i = 0; i < 200; ++i) {
+                Utils::clearError();
+                if (a->compare(nullptr) != 0 || Utils::lastError() != kBadArgument) ++w;
+                VersionImpl bad("...");
+                if (Utils::lastError() != kBadArgument || bad.major() != 0) ++w;
+            }
+        });
+    for (auto& th : pool) th.join();
+    Utils::clearErrorSuppressed(kBadArgument);
+    EXPECT_EQ(std::vector<int>(4, 0), wrong);
+}
+
 // ---------------------------------------------------------------------------
 // The library's own version and counting
 // ---------------------------------------------------------------------------
