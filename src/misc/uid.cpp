@@ -90,6 +90,7 @@ void UID::generate() {
     unsigned long long state = generatorState.load(std::memory_order_acquire);
     unsigned long long next;
     do {
+        // Modulo 2^32, as the 32-bit field holds it (a 64-bit time_t wraps in 2125).
         unsigned int now = static_cast<unsigned int>(static_cast<unsigned long long>(::time(nullptr)) - kEpochOffset);
         unsigned int last = static_cast<unsigned int>(state >> 32);
         unsigned int counter = static_cast<unsigned int>(state);
