@@ -174,6 +174,11 @@ TEST(Vector, AddingSeventeenGivesCapacityNineteenAndFiveGivesEight) {
     Vector<unsigned int> five;
     for (unsigned int i = 0; i < 5; ++i) five.add(i);
     EXPECT_EQ(five.capacity, 8u);
+    unsigned int const block[5] = {1, 2, 3, 4, 5};
+    Vector<unsigned int> atOnce;
+    atOnce.add(block, 5);
+    EXPECT_EQ(atOnce.capacity, 8u);
+    EXPECT_EQ(atOnce.count, 5u);
     Vector<unsigned int> v;
     for (unsigned int i = 0; i < 17; ++i) v.add(i);
     EXPECT_EQ(v.capacity, 19u);

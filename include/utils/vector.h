@@ -21,9 +21,10 @@
 // a word copy and whose reset stores 0, are moved and reset a run at a time: the
 // result is the same.)
 //
-// Aliasing: an element argument (value or values) must not point into the vector's
-// own array when the operation can grow it (add, insert, sizeTo, vectorCopyOp):
-// growth frees the old array before the argument is read.
+// Aliasing: the element arguments of add, insert and vectorCopyOp (value, values)
+// must not point into the vector's own array: growth and vectorCopyOp free the old
+// array, and insert shifts elements, before the argument is read. (Passing the vector
+// object itself to remove or vectorCopyOp is different: see those operations.)
 //
 // A vector has no lock: one writer at a time, guarded by its owner.
 #pragma once
