@@ -213,16 +213,17 @@ protected:
     unsigned long freeByColor[64];
     // Free ordinary blocks in address order: exactly 80 bytes, and larger. The
     // first free block that can carry small blocks is found here without a walk.
-    WTreeBase addressTree80;
-    WTreeBase addressTreeBig;
+    // Newly freed blocks wait in addressPending (a list through their address
+    // nodes) and enter the trees only when a carrier is looked for; a block that
+    // stops being free while it waits simply leaves the list. Filing them is not
+    // a change of the arena's state, hence mutable.
+    mutable WTreeBase addressTree80;
+    mutable WTreeBase addressTreeBig;
+    mutable WTreeNodeBase* addressPending;
     // Carriers, chained through their first unused bytes (for verify).
     MemHead* carriers;
     // What setColor and adjustColorMemory added to the allocated counts (for verify).
     unsigned long colorAdjustments[64];
-    // A block that left the free tree during the current operation but still has
-    // its address node linked (see linkFree); null between operations.
-    MemHead* addressHeld;
-    bool addressHeldBig;
     // Bridges over gaps of 4 GiB or more, whose step does not fit their size word.
     MemHead* farBridges[16];
     unsigned long farBridgeSteps[16];
@@ -232,9 +233,9 @@ private:
     MemHead* growArena(unsigned long need);
     void linkFree(MemHead* h);
     void unlinkFree(MemHead* h);
-    void holdAddress(MemHead* h);
+    void unlinkAddress(MemHead* h);
     unsigned long bridgeStep(MemHead* h) const;
-    void dropHeldAddress();
+    void fileAddresses() const;
     MemHead* header(void* p) const;
 };
 

@@ -14,7 +14,8 @@
 //   H+28  colour word: the colour the free bytes are counted under; it is the free
 //         tree's payload, and the comparison reads the size word 28 bytes before it
 //   H+36  WTreeNodeBase of an address tree (addressTree80 for 80-byte blocks,
-//         addressTreeBig for larger ones); ends at H+60, before the trailer at H+76
+//         addressTreeBig for larger ones), or, with weight 0, a link of the list of
+//         blocks not yet filed there; ends at H+60, before the trailer at H+76
 //
 //   free small (32 or 64 bytes), in smallLists[5] or smallLists[6]:
 //   H+4   next free small block of the same size (8 bytes)
@@ -204,10 +205,9 @@ MemoryAllocator::MemoryAllocator(Allocator* parentAllocator)
       freeByColor(),
       addressTree80(),
       addressTreeBig(),
+      addressPending(nullptr),
       carriers(nullptr),
       colorAdjustments(),
-      addressHeld(nullptr),
-      addressHeldBig(false),
       farBridges(),
       farBridgeSteps(),
       farBridgeCount(0) {}
@@ -233,49 +233,51 @@ void MemoryAllocator::init() {
 // ---------------------------------------------------------------------------
 // Tree membership of free ordinary blocks.
 // ---------------------------------------------------------------------------
-// The address trees follow the free blocks, with one saving: a block leaving the
-// free tree keeps its address node for the rest of the operation (it is "held").
-// When the operation then frees a block that takes the held block's place in
-// address order (the tail split off it, or the block merged over it) and belongs
-// to the same address tree, the new block's node simply replaces the held one:
-// one search, no rebalancing. Whatever is still held at the end is removed.
-void MemoryAllocator::holdAddress(MemHead* m) {
-    dropHeldAddress();
-    addressHeld = m;
-    addressHeldBig = blockSize(H(m)) != 80;
-}
-
-void MemoryAllocator::dropHeldAddress() {
-    if (!addressHeld) return;
-    WTreeBase& byAddress = addressHeldBig ? addressTreeBig : addressTree80;
-    wtcore::removeAt<false>(addressNode(H(addressHeld))->payload(), &byAddress.root, AddressOrder{});
-    addressHeld = nullptr;
-}
-
+// Address order. A block that becomes free is pushed on addressPending (its
+// address node's weight 0 marks it, left and right link the list both ways); one
+// that stops being free leaves the list in constant time, or its address tree if
+// it was filed. Before a carrier is looked for, fileAddresses() moves every waiting
+// block into its tree, so the trees then hold exactly the free ordinary blocks.
+// Each block is filed at most once per stay in the free state, and most blocks
+// are allocated or merged again before a carrier is ever needed.
 void MemoryAllocator::linkFree(MemHead* m) {
     Head* h = H(m);
     wtcore::insert(treeNode(h), &freeTree.root, FreeOrder{});
-    bool big = blockSize(h) != 80;
-    WTreeBase& byAddress = big ? addressTreeBig : addressTree80;
-    if (addressHeld && addressHeldBig == big) {
-        if (addressHeld != m) {
-            // h sits where the held block sat in address order: take over its node.
-            WTreeNodeBase* old = addressNode(H(addressHeld));
-            WTreeNodeBase** link = &byAddress.root;
-            while (*link != old) link = compareAddress((*link)->payload(), old->payload()) < 0 ? &(*link)->left : &(*link)->right;
-            *addressNode(h) = *old;
-            *link = addressNode(h);
-        }
-        addressHeld = nullptr;
+    WTreeNodeBase* a = addressNode(h);
+    a->weight = 0;
+    a->left = nullptr;
+    a->right = addressPending;
+    if (addressPending) addressPending->left = a;
+    addressPending = a;
+}
+
+void MemoryAllocator::unlinkAddress(MemHead* m) {
+    Head* h = H(m);
+    WTreeNodeBase* a = addressNode(h);
+    if (a->weight == 0) {
+        if (a->left)
+            a->left->right = a->right;
+        else
+            addressPending = a->right;
+        if (a->right) a->right->left = a->left;
         return;
     }
-    dropHeldAddress();
-    wtcore::insert(addressNode(h), &byAddress.root, AddressOrder{});
+    WTreeBase& byAddress = blockSize(h) == 80 ? addressTree80 : addressTreeBig;
+    wtcore::removeAt<false>(a->payload(), &byAddress.root, AddressOrder{});
 }
 
 void MemoryAllocator::unlinkFree(MemHead* m) {
     wtcore::removeAt<false>(treeNode(H(m))->payload(), &freeTree.root, FreeOrder{});
-    holdAddress(m);
+    unlinkAddress(m);
+}
+
+void MemoryAllocator::fileAddresses() const {
+    while (WTreeNodeBase* a = addressPending) {
+        addressPending = a->right;
+        Head* h = fromAddressNode(a);
+        WTreeBase& byAddress = blockSize(h) == 80 ? addressTree80 : addressTreeBig;
+        wtcore::insert(a, &byAddress.root, AddressOrder{});
+    }
 }
 
 void MemoryAllocator::freeLoser(MemHead* m) {
@@ -302,7 +304,7 @@ MemoryAllocator::MemHead* MemoryAllocator::allocCandidate(unsigned long need) {
     WTreeNodeBase* n = wtcore::removeAt<true>(&key.mark, &freeTree.root, FreeOrder{});
     if (!n) return nullptr;
     Head* h = fromTreeNode(n);
-    holdAddress(MH(h));
+    unlinkAddress(MH(h));
     unsigned long size = blockSize(h);
     freeTotal -= size;
     freeByColor[colorWord(h) & 63] -= size;
@@ -420,7 +422,6 @@ void* MemoryAllocator::_alloc(unsigned long request, unsigned int color) {
         m = allocCandidate(need);
         if (m) {
             splitBlock(m, need);
-            dropHeldAddress();
         } else {
             m = growArena(need);
             if (!m) return nullptr;
@@ -438,6 +439,7 @@ void* MemoryAllocator::carrierCandidate(unsigned int smallBlockSize) const {
     // The first free block in address order of at least s + 20 bytes: 80-byte
     // blocks qualify for 32-byte small blocks only (84 bytes are needed for one
     // 64-byte block after the 12 bytes skipped for alignment).
+    fileAddresses();
     WTreeNodeBase* big = addressTreeBig.minNode();
     Head* h = big ? fromAddressNode(big) : nullptr;
     if (smallBlockSize + 20 <= 80) {
@@ -460,7 +462,6 @@ MemoryAllocator::MemHead* MemoryAllocator::allocSmall(unsigned int k) {
             colorWord(carrier) = 0;
             word(carrier) |= kBusy;
             if (blockSize(carrier) > kCarrierSize) splitBlock(MH(carrier), kCarrierSize);
-            dropHeldAddress();
             start = carrier + 4;
             length = blockSize(carrier) - 8;
         } else {
@@ -643,12 +644,12 @@ unsigned int MemoryAllocator::checkArena() const {
 char const* MemoryAllocator::verify() const {
     unsigned long walkAllocated = 0, walkFree = 0;
     unsigned long walkAllocatedByColor[64] = {}, walkFreeByColor[64] = {};
-    unsigned long freeOrdinary = 0, free80 = 0, freeSmallCount[7] = {};
+    unsigned long freeOrdinary = 0, free80 = 0, freePending = 0, freeSmallCount[7] = {};
 
-    if (addressHeld) return "an address node is held between operations";
     if (!arenaStart) {
         if (arenaEnd) return "arenaEnd set on an empty arena";
-        if (freeTree.root || addressTree80.root || addressTreeBig.root) return "free trees of an empty arena";
+        if (freeTree.root || addressTree80.root || addressTreeBig.root || addressPending)
+            return "free trees of an empty arena";
     }
     if (char const* e = WTreeBase::verify(freeTree.root, compareFree, false)) return e;
     if (char const* e = WTreeBase::verify(addressTree80.root, compareAddress, false)) return e;
@@ -735,12 +736,16 @@ char const* MemoryAllocator::verify() const {
             walkFree += size;
             walkFreeByColor[cw] += size;
             ++freeOrdinary;
-            if (size == 80) ++free80;
             WTreeNodeBase* root = freeTree.root;
             if (findExact(root, treeNode(h)->payload(), compareFree) != treeNode(h)) return "free block missing from the free tree";
-            WTreeNodeBase* byAddress = size == 80 ? addressTree80.root : addressTreeBig.root;
-            if (findExact(byAddress, addressNode(h)->payload(), compareAddress) != addressNode(h))
-                return "free block missing from its address tree";
+            if (addressNode(h)->weight == 0) {
+                ++freePending;
+            } else {
+                if (size == 80) ++free80;
+                WTreeNodeBase* byAddress = size == 80 ? addressTree80.root : addressTreeBig.root;
+                if (findExact(byAddress, addressNode(h)->payload(), compareAddress) != addressNode(h))
+                    return "free block missing from its address tree";
+            }
         }
         h += size;
     }
@@ -749,7 +754,19 @@ char const* MemoryAllocator::verify() const {
     if (nextCarrier != carrierCount) return "a carrier is not a block of the arena";
     if (WTreeBase::sizeAux(freeTree.root) != freeOrdinary) return "free tree holds blocks that are not free";
     if (WTreeBase::sizeAux(addressTree80.root) != free80) return "80-byte address tree size";
-    if (WTreeBase::sizeAux(addressTreeBig.root) != freeOrdinary - free80) return "address tree size";
+    if (WTreeBase::sizeAux(addressTreeBig.root) != freeOrdinary - free80 - freePending) return "address tree size";
+    {
+        unsigned long pending = 0;
+        WTreeNodeBase* previous = nullptr;
+        for (WTreeNodeBase* a = addressPending; a; previous = a, a = a->right) {
+            if (++pending > freePending) return "pending address list longer than its free blocks";
+            if (a->weight != 0 || a->left != previous) return "pending address list links";
+            Head* ph = fromAddressNode(a);
+            if (ph < H(arenaStart) || ph >= end || (word(ph) & (kBusy | kBridge)) || blockSize(ph) < 80)
+                return "pending address list holds a block that is not free";
+        }
+        if (pending != freePending) return "pending address list misses free blocks";
+    }
 
     for (unsigned int k = 0; k < 7; ++k) {
         unsigned long count = 0;
