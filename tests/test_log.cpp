@@ -98,12 +98,13 @@ struct Counter : Logger {
     std::atomic<unsigned int> bad{0};
 };
 
-// A sink that records its own destruction.
+// A sink that records its own destruction. A replaced sink is deleted by whichever
+// thread finishes the last line in flight, so the count is atomic.
 struct Tracked : Logger {
-    explicit Tracked(int* d) : destroyed(d) {}
-    ~Tracked() override { ++*destroyed; }
+    explicit Tracked(std::atomic<int>* d) : destroyed(d) {}
+    ~Tracked() override { destroyed->fetch_add(1); }
     int print(MessageClass, char const*, va_list) override { return 0; }
-    int* destroyed;
+    std::atomic<int>* destroyed;
 };
 
 int callPrint(Logger& l, MessageClass c, char const* fmt, ...) ZO_PRINTF(3, 4);
@@ -282,7 +283,7 @@ TEST(LogClassTable, LocateOnAVectorOfClassesNeverFinds) {
 }
 
 TEST(LogClassTable, AssignTakesNewReferenceBeforeDroppingOldAndResetReleases) {
-    int destroyed = 0;
+    std::atomic<int> destroyed{0};
     LogClass a, b;
     a.logger = new Tracked(&destroyed);
     a.name = "a";
@@ -304,7 +305,7 @@ TEST(LogClassTable, AssignTakesNewReferenceBeforeDroppingOldAndResetReleases) {
 }
 
 TEST(LogClassTable, FreeArrayReleasesEverySinkReference) {
-    int destroyed = 0;
+    std::atomic<int> destroyed{0};
     CountedRef<Logger> sink(new Tracked(&destroyed));
     TemplOps const& ops = Vector<LogClass>::ops();
     void* array = ops.allocArray(3);
@@ -637,7 +638,7 @@ TEST(LogSinks, NullAndDialogSinksDiscard) {
 }
 
 TEST(LogSinks, OneSinkForAllThenAnotherForErrorsLeavesThreeReferences) {
-    int destroyed = 0;
+    std::atomic<int> destroyed{0};
     Log log;
     Tracked* first = new Tracked(&destroyed);
     log.setLogger(first);
@@ -658,22 +659,22 @@ TEST(LogSinks, OneSinkForAllThenAnotherForErrorsLeavesThreeReferences) {
 namespace {
 // A sink that hands its classes to another sink from inside its own print.
 struct ReplacesItself : Logger {
-    ReplacesItself(Log* h, int* d) : hub(h), destroyed(d) {}
-    ~ReplacesItself() override { ++*destroyed; }
+    ReplacesItself(Log* h, std::atomic<int>* d) : hub(h), destroyed(d) {}
+    ~ReplacesItself() override { destroyed->fetch_add(1); }
     int print(MessageClass, char const*, va_list) override {
         hub->setLogger(new Tracked(destroyed));
-        aliveAfterReplacing = *destroyed == 0;
+        aliveAfterReplacing = destroyed->load() == 0;
         return 5;
     }
     Log* hub;
-    int* destroyed;
+    std::atomic<int>* destroyed;
     static bool aliveAfterReplacing;
 };
 bool ReplacesItself::aliveAfterReplacing = false;
 }  // namespace
 
 TEST(LogSinks, SinkReplacedFromItsOwnPrintIsDeletedAfterThePrintReturns) {
-    int destroyed = 0;
+    std::atomic<int> destroyed{0};
     {
         Log log;
         log.setLogger(new ReplacesItself(&log, &destroyed));
@@ -1106,7 +1107,7 @@ TEST(LogThreads, SinkSwapsWhileLoggingNeverLoseASink) {
     std::thread writer([&] {
         while (!stop.load()) log.print(MessageError, c, -3, "f", 1, "x");
     });
-    int destroyed = 0;
+    std::atomic<int> destroyed{0};
     unsigned int const swaps = static_cast<unsigned int>(zotest::scaled(2000));
     for (unsigned int k = 0; k < swaps; ++k) log.setLogger(new Tracked(&destroyed));
     stop.store(true);
