@@ -175,6 +175,9 @@ struct LockKind {
     int (*destroy)(ZoIF_Handle);
 };
 
+// Test listings name the kind instead of dumping the record's bytes.
+void PrintTo(LockKind const& k, std::ostream* os) { *os << k.name; }
+
 class Locks : public ::testing::TestWithParam<LockKind> {};
 
 TEST_P(Locks, OwnerMayEnterAgainAndOthersWaitForTheLastExit) {
@@ -248,6 +251,8 @@ struct EventKind {
     int (*waitTimed)(ZoIF_Handle, double);
     int (*destroy)(ZoIF_Handle);
 };
+
+void PrintTo(EventKind const& k, std::ostream* os) { *os << k.name; }
 
 class Events : public ::testing::TestWithParam<EventKind> {};
 
