@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include "eventually.h"
+
 #include "utils/event.h"
 #include "utils/object.h"
 #include "zosys.h"
@@ -92,17 +94,8 @@ using Utils::CountedRef;
 using Utils::WaitableEvent;
 
 constexpr auto kPause = 50ms;
-constexpr auto kPatience = 5s;
 
-template <class Cond>
-bool eventually(Cond cond) {
-    auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (!cond()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
+using zotest::eventually;
 
 // The same tests run on both classes; Traits gives each its record of layer calls.
 template <class E>

@@ -20,6 +20,8 @@
 
 #include <gtest/gtest.h>
 
+#include "eventually.h"
+
 #include "knobs.h"
 #include "utils/lock.h"
 #include "zosys.h"
@@ -101,19 +103,8 @@ using Utils::ZotLightBLock;
 
 // Long enough for a wrongly admitted thread to get in; short enough to stay cheap.
 constexpr auto kPause = 50ms;
-// Upper bound for something that must happen.
-constexpr auto kPatience = 5s;
 
-// Polls `cond` until it holds or kPatience has passed.
-template <class Cond>
-bool eventually(Cond cond) {
-    auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (!cond()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
+using zotest::eventually;
 
 // A Lock that records how it is used, to see what Locker does to the lock it is given.
 class CountingLock : public Lock {

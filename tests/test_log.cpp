@@ -23,6 +23,8 @@
 
 #include <gtest/gtest.h>
 
+#include "child.h"
+
 #include "knobs.h"
 #include "log/log_internal.h"
 #include "utils/log.h"
@@ -806,13 +808,8 @@ TEST(LogSinks, SystemSinkReachesARealSyslogSocket) {
         _exit(0);
     }
     close(pipefd[1]);
-    std::string report;
-    char chunk[512];
-    ssize_t n;
-    while ((n = read(pipefd[0], chunk, sizeof chunk)) > 0) report.append(chunk, static_cast<size_t>(n));
-    close(pipefd[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
+    int status;
+    std::string report = zotest::collectChildReport(pipefd[0], pid, &status);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     if (report.rfind("SKIP ", 0) == 0) GTEST_SKIP() << report.substr(5);
     std::string pid_s = std::to_string(pid);

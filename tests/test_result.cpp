@@ -15,6 +15,8 @@
 
 #include <gtest/gtest.h>
 
+#include "child.h"
+
 #include "foundation/result_tables.h"
 #include "knobs.h"
 #include "log/held_lock.h"
@@ -515,13 +517,8 @@ TEST(Results, RaisingWhenMemoryIsExhaustedReturnsTheCodeAndNeverRecurses) {
         _exit(0);
     }
     close(pipefd[1]);
-    std::string report;
-    char chunk[512];
-    ssize_t n;
-    while ((n = read(pipefd[0], chunk, sizeof chunk)) > 0) report.append(chunk, static_cast<size_t>(n));
-    close(pipefd[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
+    int status;
+    std::string report = zotest::collectChildReport(pipefd[0], pid, &status);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status << ": " << report;
     if (report.rfind("SKIP ", 0) == 0) GTEST_SKIP() << report.substr(5);
     EXPECT_EQ(report, "");

@@ -167,6 +167,9 @@ private:
     ZO_STRING_PRIVATE void replaceRaw(char const* s, unsigned long n, unsigned long pos);
     ZO_STRING_PRIVATE void insertRaw(char const* s, unsigned long n, unsigned long pos);
     ZO_STRING_PRIVATE bool inBuffer(char const* s) const;
+    using RawEdit = void (StringRep::*)(char const*, unsigned long, unsigned long);
+    ZO_STRING_PRIVATE void editFrom(RawEdit edit, char const* s, unsigned long n, unsigned long from,
+                                    unsigned long pos);
 };
 
 // ---------------------------------------------------------------------------

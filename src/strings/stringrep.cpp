@@ -276,7 +276,10 @@ void StringRep::replaceRaw(char const* s, unsigned long n, unsigned long pos) {
     data[length] = 0;
 }
 
-void StringRep::replace(char const* s, unsigned long n, unsigned long from, unsigned long pos) {
+// The source s + from of replace and insert: a null s stands for "" (and only n = 0
+// makes sense then), and bytes that lie in this buffer are copied aside first,
+// because the edit may move or overwrite them.
+void StringRep::editFrom(RawEdit edit, char const* s, unsigned long n, unsigned long from, unsigned long pos) {
     if (!s) {
         if (n) return;
         s = gEmptyText;
@@ -285,10 +288,14 @@ void StringRep::replace(char const* s, unsigned long n, unsigned long from, unsi
     char const* src = s + from;
     if (n && (inBuffer(src) || inBuffer(src + n - 1))) {
         DetachedBytes copy(src, n);
-        if (copy.get()) replaceRaw(copy.get(), n, pos);
+        if (copy.get()) (this->*edit)(copy.get(), n, pos);
         return;
     }
-    replaceRaw(src, n, pos);
+    (this->*edit)(src, n, pos);
+}
+
+void StringRep::replace(char const* s, unsigned long n, unsigned long from, unsigned long pos) {
+    editFrom(&StringRep::replaceRaw, s, n, from, pos);
 }
 
 void StringRep::insertRaw(char const* s, unsigned long n, unsigned long pos) {
@@ -309,18 +316,7 @@ void StringRep::insertRaw(char const* s, unsigned long n, unsigned long pos) {
 }
 
 void StringRep::insert(char const* s, unsigned long n, unsigned long from, unsigned long pos) {
-    if (!s) {
-        if (n) return;
-        s = gEmptyText;
-        from = 0;
-    }
-    char const* src = s + from;
-    if (n && (inBuffer(src) || inBuffer(src + n - 1))) {
-        DetachedBytes copy(src, n);
-        if (copy.get()) insertRaw(copy.get(), n, pos);
-        return;
-    }
-    insertRaw(src, n, pos);
+    editFrom(&StringRep::insertRaw, s, n, from, pos);
 }
 
 void StringRep::remove(unsigned long pos, unsigned long n) {

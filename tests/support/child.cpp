@@ -1,0 +1,19 @@
+#include "child.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace zotest {
+
+std::string collectChildReport(int fd, pid_t pid, int* status) {
+    std::string report;
+    char chunk[512];
+    ssize_t n;
+    while ((n = read(fd, chunk, sizeof chunk)) > 0) report.append(chunk, static_cast<size_t>(n));
+    close(fd);
+    *status = 0;
+    waitpid(pid, status, 0);
+    return report;
+}
+
+}  // namespace zotest

@@ -1,0 +1,13 @@
+// Tests that run a case in a forked child and read back what it wrote to a pipe.
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+
+namespace zotest {
+
+// Reads `fd` to its end, closes it, waits for `pid` and stores its wait status in
+// *status. Returns everything the child wrote.
+std::string collectChildReport(int fd, pid_t pid, int* status);
+
+}  // namespace zotest
