@@ -13,6 +13,10 @@
 
 namespace Utils {
 
+namespace detail {
+struct FreeHeapNode;  // the links of a free arena block in an address heap (arena.cpp)
+}
+
 // ---------------------------------------------------------------------------
 // The allocator interface. The operations are virtual, in this slot order;
 // allocators without colours keep the defaults of slots 4 and 6 to 13.
@@ -166,6 +170,9 @@ public:
     // touched. For memory the caller accounts itself.
     void adjustColorMemory(unsigned int color, int delta) override;
 
+    // Free blocks below kExactBins * 16 bytes are indexed by exact size.
+    static constexpr unsigned kExactBins = 1024;
+
     // Block walking, in address order. firstBlock is the address of the first
     // block (as handed to callers), or null. nextBlock steps over one block (a
     // bridge included); after the last block it yields, once, the address just
@@ -211,15 +218,15 @@ protected:
     unsigned int colorSlot;
     unsigned long allocatedByColor[64];
     unsigned long freeByColor[64];
-    // Free ordinary blocks in address order: exactly 80 bytes, and larger. The
-    // first free block that can carry small blocks is found here without a walk.
-    // Newly freed blocks wait in addressPending (a list through their address
-    // nodes) and enter the trees only when a carrier is looked for; a block that
-    // stops being free while it waits simply leaves the list. Filing them is not
-    // a change of the arena's state, hence mutable.
-    mutable WTreeBase addressTree80;
-    mutable WTreeBase addressTreeBig;
-    mutable WTreeNodeBase* addressPending;
+    // The index of free ordinary blocks (see arena.cpp for the drawing). Blocks
+    // below kExactBins * 16 bytes sit in one bin per size, each bin a heap ordered
+    // by address whose root is its lowest block; binMap has a bit per non-empty
+    // bin and binSummary a bit per non-zero binMap word. Larger blocks sit in
+    // freeTree (size, then address) and in the address heap largeByAddress.
+    detail::FreeHeapNode* bins[1024];
+    unsigned long binMap[kExactBins / 64];
+    unsigned long binSummary;
+    detail::FreeHeapNode* largeByAddress;
     // Carriers, chained through their first unused bytes (for verify).
     MemHead* carriers;
     // What setColor and adjustColorMemory added to the allocated counts (for verify).
@@ -233,9 +240,9 @@ private:
     MemHead* growArena(unsigned long need);
     void linkFree(MemHead* h);
     void unlinkFree(MemHead* h);
-    void unlinkAddress(MemHead* h);
+    MemHead* takeBestFit(unsigned long need);
     unsigned long bridgeStep(MemHead* h) const;
-    void fileAddresses() const;
+    char const* verifyIndex(unsigned long freeExact, unsigned long freeLarge) const;
     MemHead* header(void* p) const;
 };
 

@@ -9,13 +9,25 @@
 //
 //   busy:   H+4 .. H+size-4   the caller's bytes (size() reports size - 8)
 //
-//   free ordinary (size >= 80), in three trees:
-//   H+4   WTreeNodeBase of the free tree (weight, left, right: 24 bytes)
-//   H+28  colour word: the colour the free bytes are counted under; it is the free
-//         tree's payload, and the comparison reads the size word 28 bytes before it
-//   H+36  WTreeNodeBase of an address tree (addressTree80 for 80-byte blocks,
-//         addressTreeBig for larger ones), or, with weight 0, a link of the list of
-//         blocks not yet filed there; ends at H+60, before the trailer at H+76
+//   free ordinary (size >= 80), in the index: one of two layouts by size.
+//   exact (size < kExactLimit, 16 KiB): in bins[size / 16], a pairing heap
+//         ordered by address, so the bin's root is its lowest block
+//   H+4   FreeHeapNode: child (first child, at a higher address), next (next
+//         sibling), prev (previous sibling, or the parent for a first child; null
+//         at the root): 24 bytes
+//   H+28  colour word: the colour the free bytes are counted under
+//   large (size >= kExactLimit): in freeTree and in the address heap largeByAddress
+//   H+4   WTreeNodeBase of freeTree (weight, left, right: 24 bytes), ordered by
+//         size, then address
+//   H+28  colour word; it is the free tree's payload, and the comparison reads the
+//         size word 28 bytes before it
+//   H+36  FreeHeapNode of largeByAddress; ends at H+60
+//
+//   binMap has bit i set exactly when bins[i] is not empty, and binSummary bit j
+//   exactly when binMap[j] is not zero. Best fit for `need` is then the root of
+//   the first non-empty bin from need / 16 on, or, when there is none, the least
+//   block of freeTree not below need. The first free block in address order (the
+//   next carrier) is the lowest of the bins' roots and largeByAddress's root.
 //
 //   free small (32 or 64 bytes), in smallLists[5] or smallLists[6]:
 //   H+4   next free small block of the same size (8 bytes)
@@ -75,6 +87,15 @@ struct MemoryAllocator::MemHead {
     unsigned int word;
 };
 
+// A free block's place in an address heap. Heap order: every node lies at a
+// lower address than its children. The first child's prev is its parent, the
+// root's prev and next are null.
+struct detail::FreeHeapNode {
+    FreeHeapNode* child;
+    FreeHeapNode* next;
+    FreeHeapNode* prev;
+};
+
 namespace {
 
 using Head = char;  // headers are handled as byte addresses
@@ -92,16 +113,18 @@ constexpr unsigned int kFarBridges = 16;
 constexpr unsigned int kSearchKeyMark = 0xFFFFFFFFu;  // never a colour word (those are 0..63)
 constexpr unsigned int kCarrierCounted = 0x80000000u;
 
+constexpr unsigned long kExactLimit = MemoryAllocator::kExactBins * 16;  // smallest large block
+
 constexpr std::size_t kTreeNode = 4;      // H + 4
+constexpr std::size_t kHeapNode = 4;      // H + 4, exact blocks
 constexpr std::size_t kColorWord = 28;    // H + 28
-constexpr std::size_t kAddressNode = 36;  // H + 36
+constexpr std::size_t kLargeHeapNode = 36;  // H + 36, large blocks
 constexpr std::size_t kCarrierLink = 4;   // H + 4
 constexpr std::size_t kCarrierInfo = 12;  // H + 12
 constexpr std::size_t kFirstSmall = 16;   // H + 16
 
 static_assert(sizeof(WTreeNodeBase) == 24, "tree node layout");
 static_assert(kTreeNode + sizeof(WTreeNodeBase) == kColorWord, "the colour word is the free tree's payload");
-static_assert(kAddressNode + sizeof(WTreeNodeBase) <= 76, "the address node ends before an 80-byte block's trailer");
 
 inline unsigned int& word(Head* h) { return *reinterpret_cast<unsigned int*>(h); }
 inline unsigned int word(Head const* h) { return *reinterpret_cast<unsigned int const*>(h); }
@@ -109,9 +132,7 @@ inline unsigned int& colorWord(Head* h) { return word(h + kColorWord); }
 inline unsigned long blockSize(Head const* h) { return word(h) & kSizeMask; }
 inline void setTrailer(Head* h, unsigned long size) { word(h + size - 4) = static_cast<unsigned int>(size | kBusy); }
 inline WTreeNodeBase* treeNode(Head* h) { return reinterpret_cast<WTreeNodeBase*>(h + kTreeNode); }
-inline WTreeNodeBase* addressNode(Head* h) { return reinterpret_cast<WTreeNodeBase*>(h + kAddressNode); }
 inline Head* fromTreeNode(WTreeNodeBase* n) { return reinterpret_cast<Head*>(n) - kTreeNode; }
-inline Head* fromAddressNode(WTreeNodeBase* n) { return reinterpret_cast<Head*>(n) - kAddressNode; }
 inline Head*& smallNext(Head* h) { return *reinterpret_cast<Head**>(h + 4); }
 inline Head*& carrierNext(Head* h) { return *reinterpret_cast<Head**>(h + kCarrierLink); }
 inline unsigned int& carrierInfo(Head* h) { return word(h + kCarrierInfo); }
@@ -130,18 +151,84 @@ int compareFree(void const* a, void const* b) {
     return xb > xa ? 1 : (xb < xa ? -1 : 0);
 }
 
-int compareAddress(void const* a, void const* b) {
-    std::uintptr_t xa = reinterpret_cast<std::uintptr_t>(a), xb = reinterpret_cast<std::uintptr_t>(b);
-    return xb > xa ? 1 : (xb < xa ? -1 : 0);
-}
-
-// The same orders as comparison objects, so that the tree steps inline them.
+// The free tree's order as a comparison object, so that the tree steps inline it.
 struct FreeOrder {
     int operator()(void const* a, void const* b) const { return compareFree(a, b); }
 };
-struct AddressOrder {
-    int operator()(void const* a, void const* b) const { return compareAddress(a, b); }
-};
+
+// ---------------------------------------------------------------------------
+// Address heaps: pairing heaps over the FreeHeapNodes inside free blocks. A node's
+// address orders it, since every node lies at the same offset in its block.
+// Insertion and melding are constant time; removing the root or any other node
+// pairs up the removed node's children, amortised logarithmic. Nothing allocates.
+// ---------------------------------------------------------------------------
+using detail::FreeHeapNode;
+
+// Two roots (prev and next null) into one; the lower becomes the root.
+inline FreeHeapNode* meld(FreeHeapNode* a, FreeHeapNode* b) {
+    if (b < a) std::swap(a, b);
+    b->prev = a;
+    b->next = a->child;
+    if (a->child) a->child->prev = b;
+    a->child = b;
+    return a;
+}
+
+// The sibling list from `first` on into one heap (two-pass pairing: pairs left to
+// right, then the pairs melded right to left). Null for an empty list.
+FreeHeapNode* combine(FreeHeapNode* first) {
+    if (!first) return nullptr;
+    FreeHeapNode* pairs = nullptr;  // melded pairs, the last one first, linked by next
+    while (first) {
+        FreeHeapNode* a = first;
+        FreeHeapNode* b = a->next;
+        first = b ? b->next : nullptr;
+        a->prev = a->next = nullptr;
+        if (b) {
+            b->prev = b->next = nullptr;
+            a = meld(a, b);
+        }
+        a->next = pairs;
+        pairs = a;
+    }
+    FreeHeapNode* root = pairs;
+    pairs = pairs->next;
+    root->next = nullptr;
+    while (pairs) {
+        FreeHeapNode* n = pairs;
+        pairs = pairs->next;
+        n->next = nullptr;
+        root = meld(root, n);
+    }
+    root->prev = nullptr;
+    return root;
+}
+
+inline void heapInsert(FreeHeapNode*& root, FreeHeapNode* x) {
+    x->child = x->next = x->prev = nullptr;
+    root = root ? meld(root, x) : x;
+}
+
+inline void heapRemove(FreeHeapNode*& root, FreeHeapNode* x) {
+    if (x == root) {
+        root = combine(x->child);
+        return;
+    }
+    // A first child's prev is its parent; anyone else's is its left sibling.
+    if (x->prev->child == x)
+        x->prev->child = x->next;
+    else
+        x->prev->next = x->next;
+    if (x->next) x->next->prev = x->prev;
+    if (FreeHeapNode* rest = combine(x->child)) root = meld(root, rest);
+}
+
+inline FreeHeapNode* heapNode(Head* h) { return reinterpret_cast<FreeHeapNode*>(h + kHeapNode); }
+inline FreeHeapNode* largeHeapNode(Head* h) { return reinterpret_cast<FreeHeapNode*>(h + kLargeHeapNode); }
+inline Head* fromHeapNode(FreeHeapNode const* n) { return reinterpret_cast<Head*>(const_cast<FreeHeapNode*>(n)) - kHeapNode; }
+inline Head* fromLargeHeapNode(FreeHeapNode const* n) {
+    return reinterpret_cast<Head*>(const_cast<FreeHeapNode*>(n)) - kLargeHeapNode;
+}
 
 // Laid out like a free block from its size word to its colour word.
 struct SearchKey {
@@ -203,9 +290,10 @@ MemoryAllocator::MemoryAllocator(Allocator* parentAllocator)
       colorSlot(0),
       allocatedByColor(),
       freeByColor(),
-      addressTree80(),
-      addressTreeBig(),
-      addressPending(nullptr),
+      bins(),
+      binMap(),
+      binSummary(0),
+      largeByAddress(nullptr),
       carriers(nullptr),
       colorAdjustments(),
       farBridges(),
@@ -231,53 +319,76 @@ void MemoryAllocator::init() {
 }
 
 // ---------------------------------------------------------------------------
-// Tree membership of free ordinary blocks.
+// The index of free ordinary blocks.
 // ---------------------------------------------------------------------------
-// Address order. A block that becomes free is pushed on addressPending (its
-// address node's weight 0 marks it, left and right link the list both ways); one
-// that stops being free leaves the list in constant time, or its address tree if
-// it was filed. Before a carrier is looked for, fileAddresses() moves every waiting
-// block into its tree, so the trees then hold exactly the free ordinary blocks.
-// Each block is filed at most once per stay in the free state, and most blocks
-// are allocated or merged again before a carrier is ever needed.
+// Every free ordinary block is in exactly one place: the heap of its exact bin, or
+// both freeTree and largeByAddress when it is large. linkFree and unlinkFree keep
+// binMap and binSummary in step with the bins.
 void MemoryAllocator::linkFree(MemHead* m) {
     Head* h = H(m);
-    wtcore::insert(treeNode(h), &freeTree.root, FreeOrder{});
-    WTreeNodeBase* a = addressNode(h);
-    a->weight = 0;
-    a->left = nullptr;
-    a->right = addressPending;
-    if (addressPending) addressPending->left = a;
-    addressPending = a;
-}
-
-void MemoryAllocator::unlinkAddress(MemHead* m) {
-    Head* h = H(m);
-    WTreeNodeBase* a = addressNode(h);
-    if (a->weight == 0) {
-        if (a->left)
-            a->left->right = a->right;
-        else
-            addressPending = a->right;
-        if (a->right) a->right->left = a->left;
-        return;
+    unsigned long size = blockSize(h);
+    if (size < kExactLimit) {
+        unsigned long i = size >> 4;
+        heapInsert(bins[i], heapNode(h));
+        binMap[i >> 6] |= 1ul << (i & 63);
+        binSummary |= 1ul << (i >> 6);
+    } else {
+        wtcore::insert(treeNode(h), &freeTree.root, FreeOrder{});
+        heapInsert(largeByAddress, largeHeapNode(h));
     }
-    WTreeBase& byAddress = blockSize(h) == 80 ? addressTree80 : addressTreeBig;
-    wtcore::removeAt<false>(a->payload(), &byAddress.root, AddressOrder{});
 }
 
 void MemoryAllocator::unlinkFree(MemHead* m) {
-    wtcore::removeAt<false>(treeNode(H(m))->payload(), &freeTree.root, FreeOrder{});
-    unlinkAddress(m);
+    Head* h = H(m);
+    unsigned long size = blockSize(h);
+    if (size < kExactLimit) {
+        unsigned long i = size >> 4;
+        heapRemove(bins[i], heapNode(h));
+        if (!bins[i]) {
+            binMap[i >> 6] &= ~(1ul << (i & 63));
+            if (!binMap[i >> 6]) binSummary &= ~(1ul << (i >> 6));
+        }
+    } else {
+        wtcore::removeAt<false>(treeNode(h)->payload(), &freeTree.root, FreeOrder{});
+        heapRemove(largeByAddress, largeHeapNode(h));
+    }
 }
 
-void MemoryAllocator::fileAddresses() const {
-    while (WTreeNodeBase* a = addressPending) {
-        addressPending = a->right;
-        Head* h = fromAddressNode(a);
-        WTreeBase& byAddress = blockSize(h) == 80 ? addressTree80 : addressTreeBig;
-        wtcore::insert(a, &byAddress.root, AddressOrder{});
+// Best fit: the smallest free block of at least `need` bytes, the lowest-addressed
+// among equal sizes, taken out of the index (counters untouched).
+MemoryAllocator::MemHead* MemoryAllocator::takeBestFit(unsigned long need) {
+    if (need < kExactLimit) {
+        unsigned long i = need >> 4;
+        unsigned long w = i >> 6;
+        unsigned long bits = binMap[w] & (~0ul << (i & 63));
+        if (!bits) {
+            unsigned long later = w + 1 < kExactBins / 64 ? binSummary & (~0ul << (w + 1)) : 0;
+            if (later) {
+                w = static_cast<unsigned long>(__builtin_ctzl(later));
+                bits = binMap[w];
+            }
+        }
+        if (bits) {
+            unsigned long b = (w << 6) + static_cast<unsigned long>(__builtin_ctzl(bits));
+            FreeHeapNode* root = bins[b];
+            bins[b] = combine(root->child);
+            if (!bins[b]) {
+                binMap[w] &= ~(1ul << (b & 63));
+                if (!binMap[w]) binSummary &= ~(1ul << w);
+            }
+            return MH(fromHeapNode(root));
+        }
     }
+    // Every large block is at least kExactLimit, so the same search serves a need
+    // below it: it then finds the least large block.
+    SearchKey key;
+    key.sizeWord = static_cast<unsigned int>(need < kExactLimit ? kExactLimit : need);
+    key.mark = kSearchKeyMark;
+    WTreeNodeBase* n = wtcore::removeAt<true>(&key.mark, &freeTree.root, FreeOrder{});
+    if (!n) return nullptr;
+    Head* h = fromTreeNode(n);
+    heapRemove(largeByAddress, largeHeapNode(h));
+    return MH(h);
 }
 
 void MemoryAllocator::freeLoser(MemHead* m) {
@@ -298,18 +409,14 @@ void MemoryAllocator::removeMe(MemHead* m) {
 }
 
 MemoryAllocator::MemHead* MemoryAllocator::allocCandidate(unsigned long need) {
-    SearchKey key;
-    key.sizeWord = static_cast<unsigned int>(need);
-    key.mark = kSearchKeyMark;
-    WTreeNodeBase* n = wtcore::removeAt<true>(&key.mark, &freeTree.root, FreeOrder{});
-    if (!n) return nullptr;
-    Head* h = fromTreeNode(n);
-    unlinkAddress(MH(h));
+    MemHead* m = takeBestFit(need);
+    if (!m) return nullptr;
+    Head* h = H(m);
     unsigned long size = blockSize(h);
     freeTotal -= size;
     freeByColor[colorWord(h) & 63] -= size;
     word(h) |= kBusy;
-    return MH(h);
+    return m;
 }
 
 void MemoryAllocator::splitBlock(MemHead* m, unsigned long n) {
@@ -436,16 +543,24 @@ void* MemoryAllocator::_alloc(unsigned long request, unsigned int color) {
 }
 
 void* MemoryAllocator::carrierCandidate(unsigned int smallBlockSize) const {
-    // The first free block in address order of at least s + 20 bytes: 80-byte
-    // blocks qualify for 32-byte small blocks only (84 bytes are needed for one
-    // 64-byte block after the 12 bytes skipped for alignment).
-    fileAddresses();
-    WTreeNodeBase* big = addressTreeBig.minNode();
-    Head* h = big ? fromAddressNode(big) : nullptr;
-    if (smallBlockSize + 20 <= 80) {
-        WTreeNodeBase* small = addressTree80.minNode();
-        if (small && (!h || fromAddressNode(small) < h)) h = fromAddressNode(small);
+    // The first free block in address order of at least s + 20 bytes: the lowest
+    // root among the bins from that size on and the large blocks. 80-byte blocks
+    // qualify for 32-byte small blocks only (84 bytes are needed for one 64-byte
+    // block after the 12 bytes skipped for alignment).
+    unsigned long first = (smallBlockSize + 20 + 15) >> 4;
+    if (first < 5) first = 5;
+    FreeHeapNode const* best = nullptr;
+    for (unsigned long summary = binSummary & (~0ul << (first >> 6)); summary; summary &= summary - 1) {
+        unsigned long w = static_cast<unsigned long>(__builtin_ctzl(summary));
+        unsigned long bits = binMap[w];
+        if (w == first >> 6) bits &= ~0ul << (first & 63);
+        for (; bits; bits &= bits - 1) {
+            FreeHeapNode const* root = bins[(w << 6) + static_cast<unsigned long>(__builtin_ctzl(bits))];
+            if (!best || root < best) best = root;
+        }
     }
+    Head* h = best ? fromHeapNode(best) : nullptr;
+    if (largeByAddress && (!h || fromLargeHeapNode(largeByAddress) < h)) h = fromLargeHeapNode(largeByAddress);
     return h ? h + 4 : nullptr;
 }
 
@@ -641,19 +756,71 @@ unsigned int MemoryAllocator::checkArena() const {
 // ---------------------------------------------------------------------------
 // The verifier.
 // ---------------------------------------------------------------------------
+// The address heaps against the blocks. Every node visited must be a free
+// ordinary block of its heap's size (an exact bin's size, or large), lie above its
+// parent, and be linked back; the nodes must be distinct and as many as the walk
+// found free blocks of those sizes. Together: each such block is in its heap once.
+char const* MemoryAllocator::verifyIndex(unsigned long freeExact, unsigned long freeLarge) const {
+    for (unsigned long i = 0; i < kExactBins; ++i) {
+        bool marked = (binMap[i >> 6] >> (i & 63)) & 1;
+        if (marked != (bins[i] != nullptr)) return "bin map disagrees with its bins";
+        if (i < 5 && bins[i]) return "a bin below 80 bytes is used";
+    }
+    for (unsigned long w = 0; w < 64; ++w) {
+        bool summary = (binSummary >> w) & 1;
+        if (summary != (w < kExactBins / 64 && binMap[w] != 0)) return "bin summary disagrees with the bin map";
+    }
+    unsigned long total = freeExact + freeLarge;
+    Scratch seen(total * sizeof(void*));
+    Scratch stack((total + 1) * sizeof(void*));
+    if (!seen.p || !stack.p) return "verify could not map scratch memory";
+    FreeHeapNode const** seenAt = static_cast<FreeHeapNode const**>(seen.p);
+    FreeHeapNode const** pending = static_cast<FreeHeapNode const**>(stack.p);
+    unsigned long visited = 0;
+    for (unsigned long i = 0; i <= kExactBins; ++i) {
+        bool large = i == kExactBins;
+        FreeHeapNode const* root = large ? largeByAddress : bins[i];
+        if (!root) continue;
+        if (root->prev || root->next) return "heap root with a parent or a sibling";
+        unsigned long depth = 0;
+        pending[depth++] = root;
+        while (depth) {
+            FreeHeapNode const* n = pending[--depth];
+            if (visited == total) return "address heaps hold more nodes than there are free blocks";
+            seenAt[visited++] = n;
+            Head const* h = large ? fromLargeHeapNode(n) : fromHeapNode(n);
+            if (h < H(arenaStart) || h >= H(arenaEnd) || (reinterpret_cast<std::uintptr_t>(h) & 15) != 12)
+                return "heap node outside the arena";
+            unsigned int w = word(h);
+            if (w & (kBusy | kBridge)) return "heap node of a block that is not free";
+            unsigned long size = w & kSizeMask;
+            if (large ? size < kExactLimit : size != i << 4) return "free block in the heap of another size";
+            FreeHeapNode const* left = nullptr;
+            for (FreeHeapNode const* c = n->child; c; left = c, c = c->next) {
+                if (c->prev != (left ? left : n)) return "heap node not linked back";
+                if (c < n) return "heap child below its parent";
+                if (depth > total) return "address heaps hold more nodes than there are free blocks";
+                pending[depth++] = c;
+            }
+        }
+    }
+    if (visited != total) return "address heaps miss free blocks";
+    std::sort(seenAt, seenAt + visited);
+    for (unsigned long k = 1; k < visited; ++k)
+        if (seenAt[k] == seenAt[k - 1]) return "a free block is in an address heap twice";
+    return nullptr;
+}
+
 char const* MemoryAllocator::verify() const {
     unsigned long walkAllocated = 0, walkFree = 0;
     unsigned long walkAllocatedByColor[64] = {}, walkFreeByColor[64] = {};
-    unsigned long freeOrdinary = 0, free80 = 0, freePending = 0, freeSmallCount[7] = {};
+    unsigned long freeExact = 0, freeLarge = 0, freeSmallCount[7] = {};
 
     if (!arenaStart) {
         if (arenaEnd) return "arenaEnd set on an empty arena";
-        if (freeTree.root || addressTree80.root || addressTreeBig.root || addressPending)
-            return "free trees of an empty arena";
+        if (freeTree.root || largeByAddress || binSummary) return "free index of an empty arena";
     }
     if (char const* e = WTreeBase::verify(freeTree.root, compareFree, false)) return e;
-    if (char const* e = WTreeBase::verify(addressTree80.root, compareAddress, false)) return e;
-    if (char const* e = WTreeBase::verify(addressTreeBig.root, compareAddress, false)) return e;
 
     // Carriers, sorted by address, so that the walk meets them in order.
     unsigned long carrierCount = 0;
@@ -735,16 +902,12 @@ char const* MemoryAllocator::verify() const {
             if (cw > 63) return "free block colour word";
             walkFree += size;
             walkFreeByColor[cw] += size;
-            ++freeOrdinary;
-            WTreeNodeBase* root = freeTree.root;
-            if (findExact(root, treeNode(h)->payload(), compareFree) != treeNode(h)) return "free block missing from the free tree";
-            if (addressNode(h)->weight == 0) {
-                ++freePending;
+            if (size < kExactLimit) {
+                ++freeExact;
             } else {
-                if (size == 80) ++free80;
-                WTreeNodeBase* byAddress = size == 80 ? addressTree80.root : addressTreeBig.root;
-                if (findExact(byAddress, addressNode(h)->payload(), compareAddress) != addressNode(h))
-                    return "free block missing from its address tree";
+                ++freeLarge;
+                if (findExact(freeTree.root, treeNode(h)->payload(), compareFree) != treeNode(h))
+                    return "large free block missing from the free tree";
             }
         }
         h += size;
@@ -752,21 +915,8 @@ char const* MemoryAllocator::verify() const {
     if (h != end) return "blocks do not end at arenaEnd";
     if (end && word(end) != 0) return "the word at arenaEnd is not 0";
     if (nextCarrier != carrierCount) return "a carrier is not a block of the arena";
-    if (WTreeBase::sizeAux(freeTree.root) != freeOrdinary) return "free tree holds blocks that are not free";
-    if (WTreeBase::sizeAux(addressTree80.root) != free80) return "80-byte address tree size";
-    if (WTreeBase::sizeAux(addressTreeBig.root) != freeOrdinary - free80 - freePending) return "address tree size";
-    {
-        unsigned long pending = 0;
-        WTreeNodeBase* previous = nullptr;
-        for (WTreeNodeBase* a = addressPending; a; previous = a, a = a->right) {
-            if (++pending > freePending) return "pending address list longer than its free blocks";
-            if (a->weight != 0 || a->left != previous) return "pending address list links";
-            Head* ph = fromAddressNode(a);
-            if (ph < H(arenaStart) || ph >= end || (word(ph) & (kBusy | kBridge)) || blockSize(ph) < 80)
-                return "pending address list holds a block that is not free";
-        }
-        if (pending != freePending) return "pending address list misses free blocks";
-    }
+    if (WTreeBase::sizeAux(freeTree.root) != freeLarge) return "free tree holds blocks that are not large free blocks";
+    if (char const* e = verifyIndex(freeExact, freeLarge)) return e;
 
     for (unsigned int k = 0; k < 7; ++k) {
         unsigned long count = 0;
