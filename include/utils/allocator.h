@@ -227,6 +227,14 @@ protected:
     unsigned long binMap[kExactBins / 64];
     unsigned long binSummary;
     detail::FreeHeapNode* largeByAddress;
+    // The spare: the free block that the latest split left over, or that absorbed
+    // it on release, kept out of the index so that carving one block after another
+    // from it, or merging into it, costs no index work. Null when none.
+    MemHead* spare;
+    // Blocks released since the last search, not yet filed into the index: a list
+    // through their first words, so that a block merged again before any search
+    // never costs index work. Every search files them first.
+    detail::FreeHeapNode* unfiled;
     // Carriers, chained through their first unused bytes (for verify).
     MemHead* carriers;
     // What setColor and adjustColorMemory added to the allocated counts (for verify).
@@ -239,7 +247,10 @@ protected:
 private:
     MemHead* growArena(unsigned long need);
     void linkFree(MemHead* h);
+    void fileBlock(MemHead* h);
+    void fileUnfiled();
     void unlinkFree(MemHead* h);
+    void keepAsSpare(MemHead* h);
     MemHead* takeBestFit(unsigned long need);
     unsigned long bridgeStep(MemHead* h) const;
     char const* verifyIndex(unsigned long freeExact, unsigned long freeLarge) const;

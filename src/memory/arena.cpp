@@ -275,6 +275,10 @@ struct Scratch {
 
 }  // namespace
 
+// The steps of one allocation or release, inlined into their callers: each is
+// small, and the calls cost as much as the work.
+#define ZO_STEP inline __attribute__((always_inline))
+
 #define H(x) reinterpret_cast<Head*>(x)
 #define MH(x) reinterpret_cast<MemHead*>(x)
 
@@ -294,6 +298,8 @@ MemoryAllocator::MemoryAllocator(Allocator* parentAllocator)
       binMap(),
       binSummary(0),
       largeByAddress(nullptr),
+      spare(nullptr),
+      unfiled(nullptr),
       carriers(nullptr),
       colorAdjustments(),
       farBridges(),
@@ -321,10 +327,28 @@ void MemoryAllocator::init() {
 // ---------------------------------------------------------------------------
 // The index of free ordinary blocks.
 // ---------------------------------------------------------------------------
-// Every free ordinary block is in exactly one place: the heap of its exact bin, or
-// both freeTree and largeByAddress when it is large. linkFree and unlinkFree keep
-// binMap and binSummary in step with the bins.
-void MemoryAllocator::linkFree(MemHead* m) {
+// Every free ordinary block is in exactly one place: the spare slot, the unfiled
+// list, the heap of its exact bin, or (large) both freeTree and largeByAddress.
+// fileBlock and unlinkFree keep binMap and binSummary in step with the bins.
+//
+// An unfiled block uses its exact-bin node: child holds kUnfiled, next and prev
+// link the list (prev null at its head). No filed node has that child value (a
+// heap node's child is a block address or null, a large block's first word is a
+// tree weight of at least 2 in its low half).
+namespace {
+FreeHeapNode* const kUnfiled = reinterpret_cast<FreeHeapNode*>(1);
+}
+
+ZO_STEP void MemoryAllocator::linkFree(MemHead* m) {
+    FreeHeapNode* n = heapNode(H(m));
+    n->child = kUnfiled;
+    n->prev = nullptr;
+    n->next = unfiled;
+    if (unfiled) unfiled->prev = n;
+    unfiled = n;
+}
+
+void MemoryAllocator::fileBlock(MemHead* m) {
     Head* h = H(m);
     unsigned long size = blockSize(h);
     if (size < kExactLimit) {
@@ -338,12 +362,32 @@ void MemoryAllocator::linkFree(MemHead* m) {
     }
 }
 
+void MemoryAllocator::fileUnfiled() {
+    while (FreeHeapNode* n = unfiled) {
+        unfiled = n->next;
+        fileBlock(MH(fromHeapNode(n)));
+    }
+}
+
 void MemoryAllocator::unlinkFree(MemHead* m) {
+    if (m == spare) {
+        spare = nullptr;
+        return;
+    }
     Head* h = H(m);
+    FreeHeapNode* n = heapNode(h);
+    if (n->child == kUnfiled) {
+        if (n->prev)
+            n->prev->next = n->next;
+        else
+            unfiled = n->next;
+        if (n->next) n->next->prev = n->prev;
+        return;
+    }
     unsigned long size = blockSize(h);
     if (size < kExactLimit) {
         unsigned long i = size >> 4;
-        heapRemove(bins[i], heapNode(h));
+        heapRemove(bins[i], n);
         if (!bins[i]) {
             binMap[i >> 6] &= ~(1ul << (i & 63));
             if (!binMap[i >> 6]) binSummary &= ~(1ul << (i >> 6));
@@ -355,8 +399,21 @@ void MemoryAllocator::unlinkFree(MemHead* m) {
 }
 
 // Best fit: the smallest free block of at least `need` bytes, the lowest-addressed
-// among equal sizes, taken out of the index (counters untouched).
+// among equal sizes, taken out of the index or the spare slot (counters untouched).
+// The index's best block is found first without removing it, then compared with
+// the spare in the same order, so the spare never changes which block is chosen.
 MemoryAllocator::MemHead* MemoryAllocator::takeBestFit(unsigned long need) {
+    if (unfiled) fileUnfiled();
+    // Nothing indexed: the spare is the only candidate.
+    if (!binSummary && !freeTree.root) {
+        if (!spare || blockSize(H(spare)) < need) return nullptr;
+        MemHead* m = spare;
+        spare = nullptr;
+        return m;
+    }
+    Head* s = H(spare);
+    unsigned long spareSize = s ? blockSize(s) : 0;
+    bool spareFits = spareSize >= need;
     if (need < kExactLimit) {
         unsigned long i = need >> 4;
         unsigned long w = i >> 6;
@@ -371,27 +428,66 @@ MemoryAllocator::MemHead* MemoryAllocator::takeBestFit(unsigned long need) {
         if (bits) {
             unsigned long b = (w << 6) + static_cast<unsigned long>(__builtin_ctzl(bits));
             FreeHeapNode* root = bins[b];
+            Head* h = fromHeapNode(root);
+            unsigned long size = b << 4;
+            if (spareFits && (spareSize < size || (spareSize == size && s < h))) {
+                spare = nullptr;
+                return MH(s);
+            }
             bins[b] = combine(root->child);
             if (!bins[b]) {
                 binMap[w] &= ~(1ul << (b & 63));
                 if (!binMap[w]) binSummary &= ~(1ul << w);
             }
-            return MH(fromHeapNode(root));
+            return MH(h);
+        }
+        // No exact block fits; every large block is larger than a spare below
+        // kExactLimit.
+        if (spareFits && spareSize < kExactLimit) {
+            spare = nullptr;
+            return MH(s);
         }
     }
-    // Every large block is at least kExactLimit, so the same search serves a need
-    // below it: it then finds the least large block.
+    // The least large block not below need (the search key ranks before every
+    // block of its size).
     SearchKey key;
     key.sizeWord = static_cast<unsigned int>(need < kExactLimit ? kExactLimit : need);
     key.mark = kSearchKeyMark;
-    WTreeNodeBase* n = wtcore::removeAt<true>(&key.mark, &freeTree.root, FreeOrder{});
-    if (!n) return nullptr;
-    Head* h = fromTreeNode(n);
+    WTreeNodeBase* best = nullptr;
+    for (WTreeNodeBase* n = freeTree.root; n;) {
+        if (compareFree(n->payload(), &key.mark) < 0) {
+            best = n;
+            n = n->left;
+        } else {
+            n = n->right;
+        }
+    }
+    if (spareFits) {
+        Head* h = best ? fromTreeNode(best) : nullptr;
+        if (!h || spareSize < blockSize(h) || (spareSize == blockSize(h) && s < h)) {
+            spare = nullptr;
+            return MH(s);
+        }
+    }
+    if (!best) return nullptr;
+    wtcore::removeAt<false>(best->payload(), &freeTree.root, FreeOrder{});
+    Head* h = fromTreeNode(best);
     heapRemove(largeByAddress, largeHeapNode(h));
     return MH(h);
 }
 
-void MemoryAllocator::freeLoser(MemHead* m) {
+// Makes a busy block the free spare; the spare it replaces goes to the index.
+ZO_STEP void MemoryAllocator::keepAsSpare(MemHead* m) {
+    Head* h = H(m);
+    word(h) &= ~kBusy;
+    unsigned long size = blockSize(h);
+    freeTotal += size;
+    freeByColor[colorWord(h) & 63] += size;
+    if (spare) linkFree(spare);
+    spare = m;
+}
+
+ZO_STEP void MemoryAllocator::freeLoser(MemHead* m) {
     Head* h = H(m);
     word(h) &= ~kBusy;
     linkFree(m);
@@ -400,7 +496,7 @@ void MemoryAllocator::freeLoser(MemHead* m) {
     freeByColor[colorWord(h) & 63] += size;
 }
 
-void MemoryAllocator::removeMe(MemHead* m) {
+ZO_STEP void MemoryAllocator::removeMe(MemHead* m) {
     Head* h = H(m);
     unlinkFree(m);
     unsigned long size = blockSize(h);
@@ -408,7 +504,7 @@ void MemoryAllocator::removeMe(MemHead* m) {
     freeByColor[colorWord(h) & 63] -= size;
 }
 
-MemoryAllocator::MemHead* MemoryAllocator::allocCandidate(unsigned long need) {
+ZO_STEP MemoryAllocator::MemHead* MemoryAllocator::allocCandidate(unsigned long need) {
     MemHead* m = takeBestFit(need);
     if (!m) return nullptr;
     Head* h = H(m);
@@ -419,7 +515,7 @@ MemoryAllocator::MemHead* MemoryAllocator::allocCandidate(unsigned long need) {
     return m;
 }
 
-void MemoryAllocator::splitBlock(MemHead* m, unsigned long n) {
+ZO_STEP void MemoryAllocator::splitBlock(MemHead* m, unsigned long n) {
     Head* h = H(m);
     unsigned long remainder = blockSize(h) - n;
     if (remainder < 65) return;  // for multiples of 16: under 80 bytes, the caller gets it all
@@ -429,10 +525,10 @@ void MemoryAllocator::splitBlock(MemHead* m, unsigned long n) {
     setTrailer(t, remainder);
     word(h) = static_cast<unsigned int>(n | kBusy);
     setTrailer(h, n);
-    freeLoser(MH(t));
+    keepAsSpare(MH(t));  // freeLoser, with the tail kept out of the index
 }
 
-MemoryAllocator::MemHead* MemoryAllocator::coalesce(MemHead* m) {
+ZO_STEP MemoryAllocator::MemHead* MemoryAllocator::coalesce(MemHead* m) {
     Head* h = H(m);
     // Neighbours whose joint size would not fit the size bits stay apart.
     Head* next = h + blockSize(h);
@@ -561,6 +657,11 @@ void* MemoryAllocator::carrierCandidate(unsigned int smallBlockSize) const {
     }
     Head* h = best ? fromHeapNode(best) : nullptr;
     if (largeByAddress && (!h || fromLargeHeapNode(largeByAddress) < h)) h = fromLargeHeapNode(largeByAddress);
+    if (spare && blockSize(H(spare)) >= smallBlockSize + 20 && (!h || H(spare) < h)) h = H(spare);
+    for (FreeHeapNode* n = unfiled; n; n = n->next) {
+        Head* u = fromHeapNode(n);
+        if (blockSize(u) >= smallBlockSize + 20 && (!h || u < h)) h = u;
+    }
     return h ? h + 4 : nullptr;
 }
 
@@ -571,6 +672,7 @@ MemoryAllocator::MemHead* MemoryAllocator::allocSmall(unsigned int k) {
         Head* start;
         unsigned long length;
         unsigned int info = static_cast<unsigned int>(s);
+        fileUnfiled();  // so that the search below reads heap roots only
         if (void* candidate = carrierCandidate(static_cast<unsigned int>(s))) {
             carrier = H(candidate) - 4;
             removeMe(MH(carrier));
@@ -613,7 +715,7 @@ MemoryAllocator::MemHead* MemoryAllocator::allocSmall(unsigned int k) {
     return MH(h);
 }
 
-void MemoryAllocator::freeSmall(MemHead* m) {
+ZO_STEP void MemoryAllocator::freeSmall(MemHead* m) {
     Head* h = H(m);
     unsigned long s = blockSize(h);
     unsigned int k = s == 32 ? 5 : 6;
@@ -634,9 +736,15 @@ unsigned long MemoryAllocator::_free(void* p) {
     if (size > 64) {
         // The merged space, neighbours included, is counted under this block's
         // colour from now on: kept, the colour of a release wins.
+        MemHead* spareBefore = spare;
         Head* merged = H(coalesce(MH(h)));
         colorWord(merged) = c;
-        freeLoser(MH(merged));
+        // A block that absorbed the spare becomes the spare: the index is not
+        // touched (freeLoser's counting, without the insertion).
+        if (spareBefore && !spare)
+            keepAsSpare(MH(merged));
+        else
+            freeLoser(MH(merged));
     } else {
         freeSmall(MH(h));
     }
@@ -793,8 +901,10 @@ char const* MemoryAllocator::verifyIndex(unsigned long freeExact, unsigned long 
                 return "heap node outside the arena";
             unsigned int w = word(h);
             if (w & (kBusy | kBridge)) return "heap node of a block that is not free";
+            if (MH(const_cast<Head*>(h)) == spare) return "the spare is in an address heap";
             unsigned long size = w & kSizeMask;
             if (large ? size < kExactLimit : size != i << 4) return "free block in the heap of another size";
+            if (n->child == kUnfiled) return "an unfiled block in an address heap";
             FreeHeapNode const* left = nullptr;
             for (FreeHeapNode const* c = n->child; c; left = c, c = c->next) {
                 if (c->prev != (left ? left : n)) return "heap node not linked back";
@@ -815,10 +925,12 @@ char const* MemoryAllocator::verify() const {
     unsigned long walkAllocated = 0, walkFree = 0;
     unsigned long walkAllocatedByColor[64] = {}, walkFreeByColor[64] = {};
     unsigned long freeExact = 0, freeLarge = 0, freeSmallCount[7] = {};
+    unsigned long freeUnfiled = 0;
+    bool sawSpare = false;
 
     if (!arenaStart) {
         if (arenaEnd) return "arenaEnd set on an empty arena";
-        if (freeTree.root || largeByAddress || binSummary) return "free index of an empty arena";
+        if (freeTree.root || largeByAddress || binSummary || spare || unfiled) return "free index of an empty arena";
     }
     if (char const* e = WTreeBase::verify(freeTree.root, compareFree, false)) return e;
 
@@ -902,7 +1014,11 @@ char const* MemoryAllocator::verify() const {
             if (cw > 63) return "free block colour word";
             walkFree += size;
             walkFreeByColor[cw] += size;
-            if (size < kExactLimit) {
+            if (MH(h) == spare) {
+                sawSpare = true;
+            } else if (heapNode(h)->child == kUnfiled) {
+                ++freeUnfiled;
+            } else if (size < kExactLimit) {
                 ++freeExact;
             } else {
                 ++freeLarge;
@@ -913,6 +1029,18 @@ char const* MemoryAllocator::verify() const {
         h += size;
     }
     if (h != end) return "blocks do not end at arenaEnd";
+    if (spare && !sawSpare) return "the spare is not a free ordinary block of the arena";
+    {
+        unsigned long listed = 0;
+        FreeHeapNode const* previous = nullptr;
+        for (FreeHeapNode const* n = unfiled; n; previous = n, n = n->next) {
+            if (++listed > freeUnfiled) return "unfiled list longer than its free blocks";
+            if (n->child != kUnfiled || n->prev != previous) return "unfiled list links";
+            Head const* u = fromHeapNode(n);
+            if (u < H(arenaStart) || u >= end || (word(u) & (kBusy | kBridge))) return "unfiled list holds a block that is not free";
+        }
+        if (listed != freeUnfiled) return "unfiled list misses free blocks";
+    }
     if (end && word(end) != 0) return "the word at arenaEnd is not 0";
     if (nextCarrier != carrierCount) return "a carrier is not a block of the arena";
     if (WTreeBase::sizeAux(freeTree.root) != freeLarge) return "free tree holds blocks that are not large free blocks";
@@ -940,6 +1068,7 @@ char const* MemoryAllocator::verify() const {
     return nullptr;
 }
 
+#undef ZO_STEP
 #undef H
 #undef MH
 
