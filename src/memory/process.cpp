@@ -1,22 +1,54 @@
-// The process allocator: one arena in static storage over one host allocator, the
-// lock that makes it safe for threads, MemoryColor, and the global operator new and
-// operator delete in every replaceable form.
+// The process allocator: the arena behind every operator new of the program, the
+// locks and per-thread arenas that make it safe and fast under threads,
+// MemoryColor, and the global operator new and operator delete in every
+// replaceable form.
 //
-// Lock. One futex word, statically zero-initialised, so it works before any
-// constructor has run. It is re-entrant from the owning thread (the owner is the
-// address of a thread-local byte) and is reset in the child after fork (taken in
-// the parent around fork by pthread_atfork). It is the innermost lock of the
-// library: nothing called with it held takes another library lock, and
-// HostAllocator defers raising 0x80000002 until the outermost release, so that
-// listeners and the log run unlocked and may allocate. A thread-local guard keeps a
-// raise that itself runs out of memory from raising again.
+// Arenas. Arena 0 is the MemoryAllocator object that theAllocator() returns; its
+// parent is the HostAllocator. The first thread that allocates owns it. While it is
+// the only thread that has ever allocated, arena 0 alone serves the process and
+// every result is the plain arena's. A second thread that allocates gets an arena
+// of its own (a shard, up to kArenas - 1 of them, each over a host of its own), so
+// that threads allocate without meeting; a block is released into the arena it came
+// from, whichever thread releases it, so memory freed by a consumer thread is
+// reused by its producer and never piles up. A thread's arena goes back to the pool
+// when the thread ends and is given to the next new thread. With every arena owned,
+// new threads share them round-robin.
 //
-// Lifetime. The host and the arena are built in zeroed static storage by the first
+// Which arena holds a block: shards record their regions in a two-level table,
+// one byte per 1 MiB granule of the system layer's reserve; a block whose granule
+// is not recorded belongs to arena 0.
+//
+// Counters are exact: a query takes every arena's lock, in index order, and adds
+// the arenas' counters up, so it sees one moment of the whole process.
+//
+// Locks. One futex word per arena, statically zero-initialised, so it works
+// before any constructor has run. It is re-entrant from the owning thread (the
+// owner is the address of a thread-local byte) and is reset in the child after
+// fork (every lock is taken around fork by pthread_atfork). Arena locks are the
+// innermost locks of the library: nothing called with one held takes another
+// library lock, and HostAllocator defers raising 0x80000002 until the thread has
+// left the allocator, so that listeners and the log run unlocked and may allocate.
+// A thread-local guard keeps a raise that itself runs out of memory from raising
+// again. No thread holds two arena locks except a query or fork, which take them
+// in index order.
+//
+// No lock while alone. While the process has a single thread and no shard exists,
+// arena 0 is used without its lock, as glibc's malloc does (SINGLE_THREAD_P). This
+// is safe because __libc_single_threaded is true only while no other thread
+// exists: a second thread can only be created by this thread, which is not inside
+// the allocator while it calls pthread_create, and pthread_create clears the flag
+// before the new thread runs, so every later call of either thread sees it false
+// and locks; the new thread sees everything done before its creation. A forked
+// child has one thread again; fork's handlers leave every lock free in it.
+//
+// Lifetime. The host and arena 0 are built in zeroed static storage by the first
 // theAllocator() call and never torn down. The arena's destructor, registered with
 // atexit, releases nothing; the object stays usable afterwards, so that static
 // destructors that run later can still free.
 #include <linux/futex.h>
 #include <pthread.h>
+#include <sys/mman.h>
+#include <sys/single_threaded.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -34,19 +66,27 @@ namespace Utils {
 
 namespace {
 
-// ---------------------------------------------------------------------------
-// The process lock.
-// ---------------------------------------------------------------------------
+constexpr unsigned int kArenas = 64;  // arena 0 and up to 63 shards
+
 __attribute__((tls_model("initial-exec"))) thread_local char tIdentity;
+__attribute__((tls_model("initial-exec"))) thread_local unsigned int tInside;  // allocator calls under way
 __attribute__((tls_model("initial-exec"))) thread_local bool tPendingOutOfMemory;
 __attribute__((tls_model("initial-exec"))) thread_local bool tRaising;
+// This thread's arena, as index + 1; 0 until its first allocation.
+__attribute__((tls_model("initial-exec"))) thread_local unsigned char tArena;
+// This thread's default colour, mirrored from the arena's thread-local slot so that
+// an allocation does not call into the system layer for it.
+__attribute__((tls_model("initial-exec"))) thread_local unsigned int tDefaultColor;
 
-struct ProcessLock {
+// ---------------------------------------------------------------------------
+// Arena locks.
+// ---------------------------------------------------------------------------
+struct ArenaLock {
     std::atomic<int> state;  // 0 free, 1 held, 2 held with sleepers
     std::atomic<std::uintptr_t> owner;
     unsigned int depth;  // written by the owner only
 };
-ProcessLock gLock;  // zero-initialised: usable before any constructor
+ArenaLock gLocks[kArenas];  // zero-initialised: usable before any constructor
 
 inline std::uintptr_t self() { return reinterpret_cast<std::uintptr_t>(&tIdentity); }
 
@@ -57,34 +97,40 @@ void futexWake(std::atomic<int>* word) {
     syscall(SYS_futex, reinterpret_cast<int*>(word), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
-void lockSlow() {
+void lockSlow(ArenaLock& l) {
     for (int spin = 0; spin < 64; ++spin) {
 #if defined(__x86_64__) || defined(__i386__)
         __builtin_ia32_pause();
 #endif
         int expected = 0;
-        if (gLock.state.load(std::memory_order_relaxed) == 0 &&
-            gLock.state.compare_exchange_weak(expected, 1, std::memory_order_acquire, std::memory_order_relaxed))
+        if (l.state.load(std::memory_order_relaxed) == 0 &&
+            l.state.compare_exchange_weak(expected, 1, std::memory_order_acquire, std::memory_order_relaxed))
             return;
     }
-    int c = gLock.state.exchange(2, std::memory_order_acquire);
+    int c = l.state.exchange(2, std::memory_order_acquire);
     while (c != 0) {
-        futexWait(&gLock.state, 2);
-        c = gLock.state.exchange(2, std::memory_order_acquire);
+        futexWait(&l.state, 2);
+        c = l.state.exchange(2, std::memory_order_acquire);
     }
 }
 
-inline void lockProcess() {
+inline void lock(ArenaLock& l) {
     std::uintptr_t me = self();
-    if (gLock.owner.load(std::memory_order_relaxed) == me) {
-        ++gLock.depth;
+    if (l.owner.load(std::memory_order_relaxed) == me) {
+        ++l.depth;
         return;
     }
     int expected = 0;
-    if (!gLock.state.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed))
-        lockSlow();
-    gLock.owner.store(me, std::memory_order_relaxed);
-    gLock.depth = 1;
+    if (!l.state.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed))
+        lockSlow(l);
+    l.owner.store(me, std::memory_order_relaxed);
+    l.depth = 1;
+}
+
+inline void unlock(ArenaLock& l) {
+    if (--l.depth) return;
+    l.owner.store(0, std::memory_order_relaxed);
+    if (l.state.exchange(0, std::memory_order_release) == 2) futexWake(&l.state);
 }
 
 void raiseOutOfMemory() {
@@ -94,113 +140,314 @@ void raiseOutOfMemory() {
     tRaising = false;
 }
 
-inline void unlockProcess() {
-    if (--gLock.depth) return;
-    gLock.owner.store(0, std::memory_order_relaxed);
-    if (gLock.state.exchange(0, std::memory_order_release) == 2) futexWake(&gLock.state);
-    if (__builtin_expect(tPendingOutOfMemory, 0)) {
-        tPendingOutOfMemory = false;
-        raiseOutOfMemory();
+// Marks the calling thread as inside the allocator; the out-of-memory raise that
+// the host deferred runs when the outermost call leaves.
+struct Inside {
+    Inside() { ++tInside; }
+    ~Inside() {
+        if (--tInside == 0 && __builtin_expect(tPendingOutOfMemory, 0)) {
+            tPendingOutOfMemory = false;
+            raiseOutOfMemory();
+        }
     }
-}
-
-inline bool heldByCaller() { return gLock.owner.load(std::memory_order_relaxed) == self(); }
-
-struct Locked {
-    Locked() { lockProcess(); }
-    ~Locked() { unlockProcess(); }
-    Locked(Locked const&) = delete;
-    Locked& operator=(Locked const&) = delete;
+    Inside(Inside const&) = delete;
+    Inside& operator=(Inside const&) = delete;
 };
 
-void forkPrepare() { lockProcess(); }
-void forkParent() { unlockProcess(); }
-void forkChild() {
-    // Only the forking thread exists in the child; it held the lock.
-    gLock.owner.store(0, std::memory_order_relaxed);
-    gLock.depth = 0;
-    gLock.state.store(0, std::memory_order_relaxed);
+// ---------------------------------------------------------------------------
+// Shards and the table of their regions.
+// ---------------------------------------------------------------------------
+std::atomic<unsigned int> gShardCount;  // shards built; arenas in use = 1 + this
+
+// Granule g = (address - phase) / 1 MiB, phase being the reserve's offset within a
+// MiB (the same for every region). gRegionTop[g >> 16] points to 65536 bytes, each
+// the arena index + 1 of the shard that owns that granule, or 0.
+constexpr unsigned kGranuleShift = 20;
+constexpr unsigned kLeafBits = 16;
+constexpr unsigned kTopEntries = 1u << (47 - kGranuleShift - kLeafBits);
+std::atomic<std::atomic<unsigned char>*> gRegionTop[kTopEntries];
+std::atomic<std::uintptr_t> gPhase;  // phase + 1 once a shard region is recorded
+
+inline std::atomic<unsigned char>* regionLeaf(std::uintptr_t granule) {
+    std::uintptr_t top = granule >> kLeafBits;
+    return top < kTopEntries ? gRegionTop[top].load(std::memory_order_acquire) : nullptr;
 }
 
+// Records that [region, region + bytes) belongs to arena `index`. Leaves come
+// straight from the kernel: the table must not allocate through the allocator it
+// serves. Without a leaf the region is simply not used by the shard.
+bool recordRegion(void* region, unsigned long bytes, unsigned int index) {
+    std::uintptr_t start = reinterpret_cast<std::uintptr_t>(region);
+    std::uintptr_t phase = start & ((1ul << kGranuleShift) - 1);
+    std::uintptr_t expected = 0;
+    gPhase.compare_exchange_strong(expected, phase + 1, std::memory_order_relaxed);
+    if ((gPhase.load(std::memory_order_relaxed) - 1) != phase) return false;
+    for (std::uintptr_t g = (start - phase) >> kGranuleShift; g < (start - phase + bytes) >> kGranuleShift; ++g) {
+        std::uintptr_t top = g >> kLeafBits;
+        if (top >= kTopEntries) return false;
+        std::atomic<unsigned char>* leaf = gRegionTop[top].load(std::memory_order_acquire);
+        if (!leaf) {
+            void* fresh = mmap(nullptr, 1ul << kLeafBits, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            if (fresh == MAP_FAILED) return false;
+            std::atomic<unsigned char>* mine = static_cast<std::atomic<unsigned char>*>(fresh);
+            if (gRegionTop[top].compare_exchange_strong(leaf, mine, std::memory_order_acq_rel))
+                leaf = mine;
+            else
+                munmap(fresh, 1ul << kLeafBits);
+        }
+        leaf[g & ((1ul << kLeafBits) - 1)].store(static_cast<unsigned char>(index + 1), std::memory_order_release);
+    }
+    return true;
+}
+
+// The arena that holds block p: 0 unless a shard recorded p's granule.
+inline unsigned int arenaOf(void const* p) {
+    if (gShardCount.load(std::memory_order_relaxed) == 0) return 0;
+    std::uintptr_t phase = gPhase.load(std::memory_order_relaxed);
+    if (!phase) return 0;
+    std::uintptr_t a = reinterpret_cast<std::uintptr_t>(p) - (phase - 1);
+    std::uintptr_t g = a >> kGranuleShift;
+    std::atomic<unsigned char>* leaf = regionLeaf(g);
+    if (!leaf) return 0;
+    unsigned int v = leaf[g & ((1ul << kLeafBits) - 1)].load(std::memory_order_acquire);
+    return v ? v - 1 : 0;
+}
+
+// A shard's parent: the system layer, like the host, with its regions recorded.
+class ShardHost final : public HostAllocator {
+public:
+    explicit ShardHost(unsigned int arenaIndex) : index(arenaIndex) {}
+    void* alloc(unsigned long size) override {
+        void* region = HostAllocator::alloc(size);
+        if (region && !recordRegion(region, HostAllocator::size(region), index)) return nullptr;
+        return region;
+    }
+    using HostAllocator::alloc;
+
+private:
+    unsigned int index;
+};
+
+// A secondary arena. It shares arena 0's thread-local slot of default colours, so
+// that a thread's default colour is one value whichever arena serves it.
+class Shard final : public MemoryAllocator {
+public:
+    Shard(unsigned int arenaIndex, unsigned int colorSlotOfArena0) : MemoryAllocator(&host), host(arenaIndex) {
+        initialised = 1;
+        colorSlot = colorSlotOfArena0;
+    }
+
+private:
+    ShardHost host;
+};
+
 // ---------------------------------------------------------------------------
-// The arena of the process: every operation under the lock.
+// The process allocator: arena 0, and the dispatch to every arena.
 // ---------------------------------------------------------------------------
+class ProcessAllocator;
+alignas(16) unsigned char gHostStorage[sizeof(HostAllocator)];
+alignas(16) unsigned char gArenaStorage[sizeof(MemoryAllocator) + 64];
+alignas(16) unsigned char gShardStorage[kArenas - 1][sizeof(Shard)];
+bool gHostBuilt;
+bool gArenaBuilt;
+std::atomic<ProcessAllocator*> gProcess;
+
+// Arena i as the plain arena (operations called through it are not re-dispatched).
+inline MemoryAllocator* arena(unsigned int i) {
+    return i == 0 ? reinterpret_cast<MemoryAllocator*>(gArenaStorage)
+                  : reinterpret_cast<MemoryAllocator*>(gShardStorage[i - 1]);
+}
+
+inline bool alone() { return __libc_single_threaded && gShardCount.load(std::memory_order_relaxed) == 0; }
+
+// Holds one arena for the duration of an operation: its lock, unless alone.
+class Hold {
+public:
+    explicit Hold(unsigned int i) : lock_(alone() ? nullptr : &gLocks[i]) {
+        if (lock_) lock(*lock_);
+    }
+    ~Hold() {
+        if (lock_) unlock(*lock_);
+    }
+    Hold(Hold const&) = delete;
+    Hold& operator=(Hold const&) = delete;
+
+private:
+    Inside inside_;
+    ArenaLock* lock_;
+};
+
+// Holds every arena in use, in index order: a consistent view of the process.
+class HoldAll {
+public:
+    HoldAll() : count_(alone() ? 0 : 1 + gShardCount.load(std::memory_order_acquire)) {
+        for (unsigned int i = 0; i < count_; ++i) lock(gLocks[i]);
+    }
+    ~HoldAll() {
+        for (unsigned int i = count_; i-- > 0;) unlock(gLocks[i]);
+    }
+    unsigned int arenas() const { return 1 + gShardCount.load(std::memory_order_relaxed); }
+    HoldAll(HoldAll const&) = delete;
+    HoldAll& operator=(HoldAll const&) = delete;
+
+private:
+    Inside inside_;
+    unsigned int count_;
+};
+
+// Arena ownership: owned[i] is set while a live thread has arena i as its own.
+std::atomic<bool> gOwned[kArenas];
+std::atomic<unsigned int> gShareTurn;
+pthread_key_t gThreadKey;
+pthread_mutex_t gClaimLock = PTHREAD_MUTEX_INITIALIZER;
+
+// Runs when a thread that owns an arena ends: the arena goes back to the pool.
+void releaseArena(void* value) {
+    unsigned int i = static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(value)) - 1;
+    if (i < kArenas) gOwned[i].store(false, std::memory_order_release);
+}
+
+// Makes arena i the calling thread's; `own` also registers it for release at the
+// thread's end.
+void adopt(unsigned int i, bool own) {
+    tArena = static_cast<unsigned char>(i + 1);
+    if (own) pthread_setspecific(gThreadKey, reinterpret_cast<void*>(static_cast<std::uintptr_t>(i + 1)));
+}
+
 class ProcessAllocator final : public MemoryAllocator {
 public:
     explicit ProcessAllocator(Allocator* host) : MemoryAllocator(host) {}
     ~ProcessAllocator() override {}
 
-    void* alloc(unsigned long size) override {
-        Locked l;
-        return MemoryAllocator::alloc(size);
-    }
-    void* alloc(unsigned long size, unsigned int c) override {
-        Locked l;
-        return MemoryAllocator::alloc(size, c);
-    }
-    void free(void* p) override {
-        if (!p) return;
-        Locked l;
-        MemoryAllocator::free(p);
-    }
-    unsigned long size(void* p) const override {
-        Locked l;
-        return MemoryAllocator::size(p);
-    }
-    unsigned long allocatedMemory() const override {
-        Locked l;
-        return MemoryAllocator::allocatedMemory();
-    }
-    unsigned long internalFree() const override {
-        Locked l;
-        return MemoryAllocator::internalFree();
-    }
-    unsigned int color(void* p) const override {
-        Locked l;
-        return MemoryAllocator::color(p);
-    }
-    unsigned int setColor(void* p, unsigned int c) override {
-        Locked l;
-        return MemoryAllocator::setColor(p, c);
-    }
-    bool valid(void* p) const override {
-        Locked l;
-        return MemoryAllocator::valid(p);
-    }
-    // Default colours are per thread and need no lock.
-    unsigned long allocatedColorMemory(unsigned int c) const override {
-        Locked l;
-        return MemoryAllocator::allocatedColorMemory(c);
-    }
-    unsigned long freeColorMemory(unsigned int c) const override {
-        Locked l;
-        return MemoryAllocator::freeColorMemory(c);
-    }
-    void adjustColorMemory(unsigned int c, int delta) override {
-        Locked l;
-        MemoryAllocator::adjustColorMemory(c, delta);
-    }
-    char const* verify() const override {
-        Locked l;
-        return MemoryAllocator::verify();
+    // The calling thread's arena, chosen on its first allocation: arena 0 if
+    // nobody owns it, else a free shard, else a new shard, else one shared in turn.
+    unsigned int myArena() {
+        unsigned int mine = tArena;
+        if (__builtin_expect(mine != 0, 1)) return mine - 1;
+        pthread_mutex_lock(&gClaimLock);
+        unsigned int count = 1 + gShardCount.load(std::memory_order_relaxed);
+        unsigned int chosen = kArenas;
+        for (unsigned int i = 0; i < count && chosen == kArenas; ++i)
+            if (!gOwned[i].load(std::memory_order_acquire)) chosen = i;
+        if (chosen == kArenas && count < kArenas) {
+            ::new (static_cast<void*>(gShardStorage[count - 1])) Shard(count, colorSlot);
+            gShardCount.store(count, std::memory_order_release);
+            chosen = count;
+        }
+        bool own = chosen != kArenas;
+        if (own)
+            gOwned[chosen].store(true, std::memory_order_relaxed);
+        else
+            chosen = gShareTurn.fetch_add(1, std::memory_order_relaxed) % count;
+        pthread_mutex_unlock(&gClaimLock);
+        adopt(chosen, own);
+        return chosen;
     }
 
-    // The global operators' paths: no virtual dispatch, same state and lock.
-    void* allocDirect(unsigned long size) {
-        Locked l;
-        return MemoryAllocator::alloc(size);
+    void* allocate(unsigned long size, unsigned int c) {
+        if (alone()) {
+            Inside inside;
+            return MemoryAllocator::alloc(size, c);
+        }
+        unsigned int i = myArena();
+        Hold hold(i);
+        return arena(i)->MemoryAllocator::alloc(size, c);
     }
-    void freeDirect(void* p) {
-        Locked l;
-        MemoryAllocator::free(p);
+    void release(void* p) {
+        unsigned int i = arenaOf(p);
+        Hold hold(i);
+        arena(i)->MemoryAllocator::free(p);
+    }
+
+    void* alloc(unsigned long size) override { return allocate(size, tDefaultColor); }
+    void* alloc(unsigned long size, unsigned int c) override { return allocate(size, c); }
+    void free(void* p) override {
+        if (p) release(p);
+    }
+    unsigned long size(void* p) const override {
+        unsigned int i = arenaOf(p);
+        Hold hold(i);
+        return arena(i)->MemoryAllocator::size(p);
+    }
+    unsigned int color(void* p) const override {
+        unsigned int i = arenaOf(p);
+        Hold hold(i);
+        return arena(i)->MemoryAllocator::color(p);
+    }
+    unsigned int setColor(void* p, unsigned int c) override {
+        unsigned int i = arenaOf(p);
+        Hold hold(i);
+        return arena(i)->MemoryAllocator::setColor(p, c);
+    }
+    bool valid(void* p) const override {
+        unsigned int i = arenaOf(p);
+        Hold hold(i);
+        return arena(i)->MemoryAllocator::valid(p);
+    }
+    // Counters: the sum over every arena, at one moment.
+    unsigned long allocatedMemory() const override {
+        return sum([](MemoryAllocator* a) { return a->MemoryAllocator::allocatedMemory(); });
+    }
+    unsigned long internalFree() const override {
+        return sum([](MemoryAllocator* a) { return a->MemoryAllocator::internalFree(); });
+    }
+    unsigned long allocatedColorMemory(unsigned int c) const override {
+        return sum([c](MemoryAllocator* a) { return a->MemoryAllocator::allocatedColorMemory(c); });
+    }
+    unsigned long freeColorMemory(unsigned int c) const override {
+        return sum([c](MemoryAllocator* a) { return a->MemoryAllocator::freeColorMemory(c); });
+    }
+    void adjustColorMemory(unsigned int c, int delta) override {
+        Hold hold(0);
+        MemoryAllocator::adjustColorMemory(c, delta);
+    }
+    // Default colours are per thread and need no lock; the mirror follows the slot.
+    unsigned int setDefaultColor(unsigned int c, unsigned int* previous) override {
+        unsigned int result = MemoryAllocator::setDefaultColor(c, previous);
+        tDefaultColor = c;
+        return result;
+    }
+    unsigned int defaultColor() const override { return tDefaultColor; }
+    char const* verify() const override {
+        HoldAll all;
+        for (unsigned int i = 0; i < all.arenas(); ++i)
+            if (char const* e = arena(i)->MemoryAllocator::verify()) return e;
+        return nullptr;
+    }
+
+private:
+    template <class Read>
+    static unsigned long sum(Read read) {
+        HoldAll all;
+        unsigned long total = 0;
+        for (unsigned int i = 0; i < all.arenas(); ++i) total += read(arena(i));
+        return total;
     }
 };
 
-alignas(16) unsigned char gHostStorage[sizeof(HostAllocator)];
-alignas(16) unsigned char gArenaStorage[sizeof(ProcessAllocator)];
-bool gHostBuilt;
-bool gArenaBuilt;
-std::atomic<ProcessAllocator*> gProcess;
+static_assert(sizeof(ProcessAllocator) <= sizeof(gArenaStorage), "arena 0's storage");
+
+void forkPrepare() {
+    pthread_mutex_lock(&gClaimLock);
+    unsigned int count = 1 + gShardCount.load(std::memory_order_acquire);
+    for (unsigned int i = 0; i < count; ++i) lock(gLocks[i]);
+}
+void forkParent() {
+    unsigned int count = 1 + gShardCount.load(std::memory_order_relaxed);
+    for (unsigned int i = count; i-- > 0;) unlock(gLocks[i]);
+    pthread_mutex_unlock(&gClaimLock);
+}
+void forkChild() {
+    // Only the forking thread exists in the child; it held every lock, and the
+    // arenas of the other threads have no owner any more.
+    for (unsigned int i = 0; i < kArenas; ++i) {
+        gLocks[i].owner.store(0, std::memory_order_relaxed);
+        gLocks[i].depth = 0;
+        gLocks[i].state.store(0, std::memory_order_relaxed);
+        gOwned[i].store(tArena == i + 1, std::memory_order_relaxed);
+    }
+    pthread_mutex_init(&gClaimLock, nullptr);
+}
 
 void destroyArena() {
     // Run the destructor (it releases nothing), then put the dispatch table back:
@@ -213,24 +460,32 @@ void destroyArena() {
 
 ProcessAllocator* buildProcessAllocator() {
     ZoIF_MemInit(0);
-    Locked l;  // serialises a first call from two threads at once
-    if (ProcessAllocator* built = gProcess.load(std::memory_order_acquire)) return built;
-    if (!gHostBuilt) {
-        gHostBuilt = true;
-        ::new (static_cast<void*>(gHostStorage)) HostAllocator();
+    pthread_mutex_lock(&gClaimLock);  // serialises a first call from two threads at once
+    ProcessAllocator* built = gProcess.load(std::memory_order_acquire);
+    if (!built) {
+        if (!gHostBuilt) {
+            gHostBuilt = true;
+            ::new (static_cast<void*>(gHostStorage)) HostAllocator();
+        }
+        ProcessAllocator* a = reinterpret_cast<ProcessAllocator*>(gArenaStorage);
+        if (!gArenaBuilt) {
+            ::new (static_cast<void*>(gArenaStorage)) ProcessAllocator(reinterpret_cast<HostAllocator*>(gHostStorage));
+            gArenaBuilt = true;
+            std::atexit(destroyArena);
+            pthread_key_create(&gThreadKey, releaseArena);
+            pthread_atfork(forkPrepare, forkParent, forkChild);
+        }
+        // init() before publishing: a thread that sees the pointer may use the
+        // arena at once (init obtains no memory, so the order is otherwise
+        // unobservable). The building thread owns arena 0.
+        a->init();
+        gOwned[0].store(true, std::memory_order_relaxed);
+        adopt(0, true);
+        gProcess.store(a, std::memory_order_release);
+        built = a;
     }
-    ProcessAllocator* arena = reinterpret_cast<ProcessAllocator*>(gArenaStorage);
-    if (!gArenaBuilt) {
-        ::new (static_cast<void*>(gArenaStorage)) ProcessAllocator(reinterpret_cast<HostAllocator*>(gHostStorage));
-        gArenaBuilt = true;
-        std::atexit(destroyArena);
-        pthread_atfork(forkPrepare, forkParent, forkChild);
-    }
-    // init() before publishing: a thread that sees the pointer may use the arena
-    // at once (init obtains no memory, so the order is otherwise unobservable).
-    arena->init();
-    gProcess.store(arena, std::memory_order_release);
-    return arena;
+    pthread_mutex_unlock(&gClaimLock);
+    return built;
 }
 
 inline ProcessAllocator* processAllocator() {
@@ -238,10 +493,10 @@ inline ProcessAllocator* processAllocator() {
     return __builtin_expect(a != nullptr, 1) ? a : buildProcessAllocator();
 }
 
-inline void* processAlloc(std::size_t size) { return processAllocator()->allocDirect(size); }
+inline void* processAlloc(std::size_t size) { return processAllocator()->allocate(size, tDefaultColor); }
 
 inline void processFree(void* p) {
-    if (p) processAllocator()->freeDirect(p);
+    if (p) processAllocator()->release(p);
 }
 
 void* alignedAlloc(std::size_t size, std::size_t alignment) {
@@ -275,7 +530,7 @@ void* HostAllocator::alloc(unsigned long size) {
     void* p = size > 0xFFFFFFFFul ? nullptr : ZoIF_MemAllocMin(&amount);
     if (!p) {
         lastSize = 0;
-        if (heldByCaller())
+        if (tInside)
             tPendingOutOfMemory = true;  // raised when the process allocator is left
         else
             raiseOutOfMemory();
