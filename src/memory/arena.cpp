@@ -498,7 +498,17 @@ ZO_STEP void MemoryAllocator::freeLoser(MemHead* m) {
 
 ZO_STEP void MemoryAllocator::removeMe(MemHead* m) {
     Head* h = H(m);
-    unlinkFree(m);
+    FreeHeapNode* n = heapNode(h);
+    if (m != spare && n->child == kUnfiled) {
+        // Leaving the unfiled list is the common case: inline.
+        if (n->prev)
+            n->prev->next = n->next;
+        else
+            unfiled = n->next;
+        if (n->next) n->next->prev = n->prev;
+    } else {
+        unlinkFree(m);
+    }
     unsigned long size = blockSize(h);
     freeTotal -= size;
     freeByColor[colorWord(h) & 63] -= size;
@@ -621,6 +631,31 @@ void* MemoryAllocator::_alloc(unsigned long request, unsigned int color) {
         if (need != (1ul << k)) ++k;  // 48 becomes 64
         m = allocSmall(k);
         if (!m) return nullptr;
+    } else if (spare && !unfiled && !binSummary && !freeTree.root && blockSize(H(spare)) >= need) {
+        // The spare is the only free ordinary block: best fit takes it, and a
+        // remainder of 80 bytes or more becomes the spare again, in its colour
+        // (allocCandidate, splitBlock and keepAsSpare, without the detours).
+        Head* h = H(spare);
+        unsigned long size = blockSize(h);
+        unsigned long remainder = size - need;
+        unsigned int c = colorWord(h) & 63;
+        if (remainder < 80) {
+            spare = nullptr;
+            word(h) |= kBusy;
+            freeTotal -= size;
+            freeByColor[c] -= size;
+        } else {
+            Head* t = h + need;
+            word(t) = static_cast<unsigned int>(remainder);
+            colorWord(t) = c;
+            setTrailer(t, remainder);
+            word(h) = static_cast<unsigned int>(need | kBusy);
+            setTrailer(h, need);
+            spare = MH(t);
+            freeTotal -= need;
+            freeByColor[c] -= need;
+        }
+        m = MH(h);
     } else {
         m = allocCandidate(need);
         if (m) {
@@ -726,7 +761,7 @@ ZO_STEP void MemoryAllocator::freeSmall(MemHead* m) {
     freeByColor[colorWord(h) & 63] += s;
 }
 
-unsigned long MemoryAllocator::_free(void* p) {
+ZO_STEP unsigned long MemoryAllocator::_free(void* p) {
     Head* h = H(p) - 4;
     unsigned int c = word(h) >> kColorShift;
     word(h) &= ~kColorMask;

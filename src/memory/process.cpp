@@ -344,19 +344,33 @@ public:
         return chosen;
     }
 
+    // The global operators' paths: the lone thread's steps inline, the rest out of
+    // line so that the common path keeps a small frame.
     void* allocate(unsigned long size, unsigned int c) {
-        if (alone()) {
-            Inside inside;
-            return MemoryAllocator::alloc(size, c);
-        }
+        if (__builtin_expect(!alone(), 0)) return allocateShared(size, c);
+        ++tInside;
+        void* p = MemoryAllocator::alloc(size, c);
+        if (--tInside == 0 && __builtin_expect(tPendingOutOfMemory, 0)) raisePending();
+        return p;
+    }
+    // A release never asks the host for memory, so it needs no Inside mark alone.
+    void release(void* p) {
+        if (__builtin_expect(!alone(), 0)) return releaseShared(p);
+        MemoryAllocator::free(p);
+    }
+    __attribute__((noinline)) void* allocateShared(unsigned long size, unsigned int c) {
         unsigned int i = myArena();
         Hold hold(i);
         return arena(i)->MemoryAllocator::alloc(size, c);
     }
-    void release(void* p) {
+    __attribute__((noinline)) void releaseShared(void* p) {
         unsigned int i = arenaOf(p);
         Hold hold(i);
         arena(i)->MemoryAllocator::free(p);
+    }
+    __attribute__((noinline)) static void raisePending() {
+        tPendingOutOfMemory = false;
+        raiseOutOfMemory();
     }
 
     void* alloc(unsigned long size) override { return allocate(size, tDefaultColor); }
