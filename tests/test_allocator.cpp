@@ -929,9 +929,10 @@ TEST(ProcessAllocator, OutOfMemoryListenersMayAllocateAndCannotRecurse) {
     Utils::clearError();
 }
 
-TEST(ProcessAllocator, ThreadsAllocateAndFreeAcrossEachOther) {
+// Threads allocate, hand blocks to each other and release blocks that others
+// allocated, checking every block's contents; the arenas verify at the end.
+void crossThreadStress(int kThreads) {
     Allocator* a = Allocator::theAllocator();
-    const int kThreads = 6;
     const unsigned long kPerThread = zotest::scaled(60000);
     struct Slot {
         std::mutex m;
@@ -994,6 +995,10 @@ TEST(ProcessAllocator, ThreadsAllocateAndFreeAcrossEachOther) {
     EXPECT_EQ(nullptr, static_cast<MemoryAllocator*>(a)->verify());
 }
 
+TEST(ProcessAllocator, ThreadsAllocateAndFreeAcrossEachOther) { crossThreadStress(6); }
+
+TEST(ProcessAllocator, EightThreadsAllocateAndFreeAcrossEachOther) { crossThreadStress(8); }
+
 TEST(ProcessAllocator, ForkedChildAllocatesWhileParentThreadsAreBusy) {
     Allocator* a = Allocator::theAllocator();
     std::atomic<bool> stop{false};
@@ -1032,6 +1037,157 @@ TEST(ProcessAllocator, WorksInStaticConstructorsDestructorsAndExitHandlers) {
     int status = pclose(f);
     EXPECT_EQ(0, status);
     EXPECT_EQ("static constructor ok\nmain ok\nexit handler ok\nstatic destructor ok\n", out);
+}
+
+// ---------------------------------------------------------------------------
+// The process allocator under threads: an arena per allocating thread
+// ---------------------------------------------------------------------------
+
+// Runs f on a new thread and waits for it.
+template <class F>
+void onOtherThread(F f) {
+    std::thread t(f);
+    t.join();
+}
+
+bool inArenaZeroWalk(MemoryAllocator const* a, void* p) {
+    for (void* q = a->firstBlock(); q; q = a->nextBlock(q))
+        if (q == p) return true;
+    return false;
+}
+
+TEST(ProcessAllocator, ASecondAllocatingThreadGetsAnArenaOfItsOwn) {
+    Allocator* a = Allocator::theAllocator();
+    auto* arena0 = static_cast<MemoryAllocator*>(a);
+    // Colour 7 is this test's own: thread start-up allocates in colour 0 meanwhile.
+    unsigned long before7 = a->allocatedColorMemory(7);
+    void* mine = a->alloc(1000, 7);
+    void* theirs = nullptr;
+    onOtherThread([&] { theirs = a->alloc(1000, 7); });
+    ASSERT_NE(nullptr, mine);
+    ASSERT_NE(nullptr, theirs);
+    // The main thread allocates from arena 0, the walk of theAllocator(); the other
+    // thread's block lives in another arena, and is still a block of the process.
+    EXPECT_TRUE(inArenaZeroWalk(arena0, mine));
+    EXPECT_FALSE(inArenaZeroWalk(arena0, theirs));
+    EXPECT_EQ(1000u, a->size(theirs));
+    EXPECT_EQ(7u, a->color(theirs));
+    EXPECT_TRUE(a->valid(theirs));
+    EXPECT_EQ(before7 + 2 * 1008, a->allocatedColorMemory(7));
+    a->free(theirs);  // released by a thread that did not allocate it
+    a->free(mine);
+    EXPECT_EQ(before7, a->allocatedColorMemory(7));
+    EXPECT_EQ(nullptr, arena0->verify());
+}
+
+TEST(ProcessAllocator, ABlockFreedByAnotherThreadIsReusedByItsArena) {
+    Allocator* a = Allocator::theAllocator();
+    std::atomic<int> step{0};
+    void* first = nullptr;
+    void* second = nullptr;
+    std::thread producer([&] {
+        first = a->alloc(3000);
+        step = 1;
+        while (step.load() != 2) std::this_thread::yield();
+        second = a->alloc(3000);
+        a->free(second);
+    });
+    while (step.load() != 1) std::this_thread::yield();
+    a->free(first);  // the consumer's release goes back to the producer's arena
+    step = 2;
+    producer.join();
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(nullptr, static_cast<MemoryAllocator*>(a)->verify());
+}
+
+TEST(ProcessAllocator, AnEndedThreadsArenaServesTheNextThread) {
+    Allocator* a = Allocator::theAllocator();
+    void* first = nullptr;
+    void* second = nullptr;
+    onOtherThread([&] {
+        first = a->alloc(5000);
+        a->free(first);
+    });
+    onOtherThread([&] {
+        second = a->alloc(5000);
+        a->free(second);
+    });
+    EXPECT_EQ(first, second);
+}
+
+TEST(ProcessAllocator, ProducerConsumerMemoryStaysBounded) {
+    Allocator* a = Allocator::theAllocator();
+    const int kRounds = static_cast<int>(zotest::scaled(400));
+    std::mutex m;
+    std::vector<void*> handed;
+    std::atomic<bool> done{false};
+    unsigned long long committedAfterWarmUp = 0;
+    std::thread producer([&] {
+        std::mt19937 rng(3);
+        for (int round = 0; round < kRounds; ++round) {
+            std::vector<void*> batch;
+            for (int i = 0; i < 200; ++i) batch.push_back(a->alloc(16 + rng() % 2000));
+            std::lock_guard<std::mutex> g(m);
+            handed.insert(handed.end(), batch.begin(), batch.end());
+        }
+        done = true;
+    });
+    int consumed = 0;
+    for (;;) {
+        std::vector<void*> got;
+        {
+            std::lock_guard<std::mutex> g(m);
+            got.swap(handed);
+        }
+        for (void* p : got) a->free(p);
+        consumed += static_cast<int>(got.size());
+        if (!committedAfterWarmUp && consumed >= 200 * 20) committedAfterWarmUp = ZoIF_TestMemCommitted();
+        if (got.empty()) {
+            if (done.load()) break;
+            std::this_thread::yield();
+        }
+    }
+    producer.join();
+    for (void* p : handed) a->free(p);
+    // The consumer's releases return to the producer's arena, which reuses them:
+    // 400 rounds of about 200 KiB each need no more than a few regions.
+    EXPECT_LE(ZoIF_TestMemCommitted(), committedAfterWarmUp + (16ul << 20));
+    EXPECT_EQ(nullptr, static_cast<MemoryAllocator*>(a)->verify());
+}
+
+TEST(ProcessAllocator, CountersAreExactWhileThreadsHoldBlocks) {
+    // Each thread allocates in a colour of its own, so that the colour counts are
+    // exactly its blocks (thread start-up and carriers are counted in colour 0).
+    Allocator* a = Allocator::theAllocator();
+    const int kThreads = 4;
+    unsigned long colouredBefore[kThreads];
+    for (int t = 0; t < kThreads; ++t) colouredBefore[t] = a->allocatedColorMemory(static_cast<unsigned>(20 + t));
+    std::atomic<int> ready{0};
+    std::atomic<bool> release{false};
+    unsigned long heldBytes[kThreads] = {};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            std::vector<void*> held;
+            for (int i = 1; i <= 100; ++i) {
+                void* p = a->alloc(static_cast<unsigned long>(i * 40), 20u + static_cast<unsigned>(t));
+                held.push_back(p);
+                heldBytes[t] += a->size(p) + 8;  // the whole block is counted
+            }
+            ++ready;
+            while (!release.load()) std::this_thread::yield();
+            for (void* p : held) a->free(p);
+        });
+    while (ready.load() != kThreads) std::this_thread::yield();
+    for (int t = 0; t < kThreads; ++t) {
+        EXPECT_GE(heldBytes[t], 100ul * 101 / 2 * 40);
+        EXPECT_EQ(colouredBefore[t] + heldBytes[t], a->allocatedColorMemory(static_cast<unsigned>(20 + t))) << t;
+    }
+    release = true;
+    for (auto& t : threads) t.join();
+    for (int t = 0; t < kThreads; ++t)
+        EXPECT_EQ(colouredBefore[t], a->allocatedColorMemory(static_cast<unsigned>(20 + t))) << t;
+    EXPECT_EQ(nullptr, static_cast<MemoryAllocator*>(a)->verify());
 }
 
 // ---------------------------------------------------------------------------
