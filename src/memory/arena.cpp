@@ -9,25 +9,36 @@
 //
 //   busy:   H+4 .. H+size-4   the caller's bytes (size() reports size - 8)
 //
-//   free ordinary (size >= 80), in the index: one of two layouts by size.
-//   exact (size < kExactLimit, 16 KiB): in bins[size / 16], a pairing heap
-//         ordered by address, so the bin's root is its lowest block
-//   H+4   FreeHeapNode: child (first child, at a higher address), next (next
-//         sibling), prev (previous sibling, or the parent for a first child; null
-//         at the root): 24 bytes
-//   H+28  colour word: the colour the free bytes are counted under
-//   large (size >= kExactLimit): in freeTree and in the address heap largeByAddress
-//   H+4   WTreeNodeBase of freeTree (weight, left, right: 24 bytes), ordered by
-//         size, then address
-//   H+28  colour word; it is the free tree's payload, and the comparison reads the
-//         size word 28 bytes before it
-//   H+36  FreeHeapNode of largeByAddress; ends at H+60
+//   free ordinary (size >= 80): in exactly one of four places.
+//   - the spare slot: the remainder of the latest split, or a block that merged
+//     with it on release. Consecutive requests carve it and releases next to it
+//     grow it without any index work.
+//   - the unfiled list: blocks released since the last search. A block that merges
+//     again before the next search leaves the list in constant time; a search (best
+//     fit, or a carrier) first files the whole list into the index.
+//   - exact (size < kExactLimit, 16 KiB): bins[size / 16], a pairing heap ordered
+//     by address, so the bin's root is its lowest block.
+//   - large (size >= kExactLimit): freeTree, ordered by size then address, and the
+//     address heap largeByAddress.
+//   Layout while free:
+//   H+4   FreeHeapNode (24 bytes): child (first child, at a higher address), next
+//         (next sibling), prev (previous sibling, or the parent for a first child;
+//         null at the root). For an unfiled block: child is kUnfiled (1), next and
+//         prev link the list. For a large block in freeTree: its WTreeNodeBase
+//         (weight, left, right) instead.
+//   H+28  colour word: the colour the free bytes are counted under; for a large
+//         block it is the free tree's payload, and the comparison reads the size
+//         word 28 bytes before it
+//   H+36  large blocks: the FreeHeapNode of largeByAddress; ends at H+60
 //
 //   binMap has bit i set exactly when bins[i] is not empty, and binSummary bit j
-//   exactly when binMap[j] is not zero. Best fit for `need` is then the root of
-//   the first non-empty bin from need / 16 on, or, when there is none, the least
-//   block of freeTree not below need. The first free block in address order (the
-//   next carrier) is the lowest of the bins' roots and largeByAddress's root.
+//   exactly when binMap[j] is not zero. Best fit for `need` (smallest size, then
+//   lowest address) is the better, in that order, of the spare and the index's
+//   candidate: the root of the first non-empty bin from need / 16 on, or, when
+//   there is none, the least block of freeTree not below need. The first free
+//   block in address order (the next carrier) is the lowest of the spare, the
+//   bins' roots and largeByAddress's root. Where a free block waits never changes
+//   which block a request gets.
 //
 //   free small (32 or 64 bytes), in smallLists[5] or smallLists[6]:
 //   H+4   next free small block of the same size (8 bytes)
