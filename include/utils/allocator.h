@@ -64,6 +64,22 @@ public:
     // thread than the one that allocated them), it survives fork(), and it keeps
     // working before static constructors and after static destructors have run.
     //
+    // Threads. While only one thread has ever allocated, the arena behaves exactly
+    // as a plain MemoryAllocator (same blocks, same counters), and while the
+    // process has a single thread it takes no lock at all. Each further thread that
+    // allocates gets an arena of its own (up to 63; beyond that, threads share
+    // them), so that threads do not wait for each other:
+    //  - a block is released into the arena it came from, whichever thread releases
+    //    it, and is reused there; a thread's arena passes to the next new thread
+    //    when the thread ends;
+    //  - allocatedMemory(), internalFree() and the colour counts add up every
+    //    arena, read at one moment, so they stay exact; size(), color(), valid()
+    //    and setColor() work for any live block; default colours stay per thread;
+    //  - the block walk (firstBlock/nextBlock), checkArena and carrierCandidate of
+    //    the object returned here cover the first arena only (that of the thread
+    //    that allocated first, normally the main thread); verify() checks all;
+    //  - which address a request gets depends on the thread that asks.
+    //
     // The library defines every replaceable form of the global operator new and
     // operator delete (plain, array, nothrow, sized, aligned and their mixes) on
     // this allocator:
@@ -123,7 +139,11 @@ private:
 //    bridged too; a further one, or a region below the arena, is left unused and
 //    the allocation fails).
 //  - No locks: an instance is driven by one thread at a time. The process
-//    allocator behind theAllocator() wraps its instance in a lock.
+//    allocator behind theAllocator() adds locks and per-thread arenas.
+//  - Under 16 KiB a request finds its block through a bitmap of the sizes that
+//    have free blocks and an address heap per size (amortised logarithmic in the
+//    free blocks of that size); above, through a tree search. A release costs
+//    constant time plus the merges with its neighbours.
 // ===========================================================================
 class ZO_API MemoryAllocator : public Allocator {
 public:
