@@ -81,7 +81,8 @@ __attribute__((tls_model("initial-exec"))) thread_local unsigned int tDefaultCol
 // ---------------------------------------------------------------------------
 // Arena locks.
 // ---------------------------------------------------------------------------
-struct ArenaLock {
+// One cache line each: threads on their own arenas must not share lock lines.
+struct alignas(64) ArenaLock {
     std::atomic<int> state;  // 0 free, 1 held, 2 held with sleepers
     std::atomic<std::uintptr_t> owner;
     unsigned int depth;  // written by the owner only
@@ -246,8 +247,10 @@ private:
 // ---------------------------------------------------------------------------
 class ProcessAllocator;
 alignas(16) unsigned char gHostStorage[sizeof(HostAllocator)];
-alignas(16) unsigned char gArenaStorage[sizeof(MemoryAllocator) + 64];
-alignas(16) unsigned char gShardStorage[kArenas - 1][sizeof(Shard)];
+alignas(64) unsigned char gArenaStorage[sizeof(MemoryAllocator) + 64];
+// Shards start on cache lines of their own, so that two arenas' hot fields never
+// share one.
+alignas(64) unsigned char gShardStorage[kArenas - 1][(sizeof(Shard) + 63) & ~std::size_t(63)];
 bool gHostBuilt;
 bool gArenaBuilt;
 std::atomic<ProcessAllocator*> gProcess;
