@@ -393,6 +393,7 @@ void MemoryAllocator::unlinkFree(MemHead* m) {
         else
             unfiled = n->next;
         if (n->next) n->next->prev = n->prev;
+        n->child = nullptr;  // no longer listed
         return;
     }
     unsigned long size = blockSize(h);
@@ -517,6 +518,7 @@ ZO_STEP void MemoryAllocator::removeMe(MemHead* m) {
         else
             unfiled = n->next;
         if (n->next) n->next->prev = n->prev;
+        n->child = nullptr;  // no longer listed
     } else {
         unlinkFree(m);
     }
@@ -563,7 +565,15 @@ ZO_STEP MemoryAllocator::MemHead* MemoryAllocator::coalesce(MemHead* m) {
     Head* previous = h - (word(h - 4) - 1);
     if (word(previous) & kBusy) return MH(h);  // bridges and carriers are busy for good
     if (blockSize(previous) + blockSize(h) > kMaxBlock) return MH(h);
-    removeMe(MH(previous));
+    if (MH(previous) != spare && heapNode(previous)->child == kUnfiled) {
+        // An unfiled block keeps its place in the list as it grows: its node is at
+        // its start, which does not move (removeMe's counting, without unlinking).
+        unsigned long was = blockSize(previous);
+        freeTotal -= was;
+        freeByColor[colorWord(previous) & 63] -= was;
+    } else {
+        removeMe(MH(previous));
+    }
     unsigned long size = blockSize(previous) + blockSize(h);
     word(previous) = static_cast<unsigned int>(size | kBusy);
     setTrailer(previous, size);
@@ -785,12 +795,20 @@ ZO_STEP unsigned long MemoryAllocator::_free(void* p) {
         MemHead* spareBefore = spare;
         Head* merged = H(coalesce(MH(h)));
         colorWord(merged) = c;
-        // A block that absorbed the spare becomes the spare: the index is not
-        // touched (freeLoser's counting, without the insertion).
-        if (spareBefore && !spare)
+        if (merged != h && heapNode(merged)->child == kUnfiled) {
+            // It grew an unfiled block, which stays listed (freeLoser's counting,
+            // without the insertion).
+            word(merged) &= ~kBusy;
+            unsigned long mergedSize = blockSize(merged);
+            freeTotal += mergedSize;
+            freeByColor[c] += mergedSize;
+        } else if (spareBefore && !spare) {
+            // A block that absorbed the spare becomes the spare: the index is not
+            // touched.
             keepAsSpare(MH(merged));
-        else
+        } else {
             freeLoser(MH(merged));
+        }
     } else {
         freeSmall(MH(h));
     }
