@@ -684,6 +684,33 @@ TEST(Arena, CarrierSearchMatchesTheLiteralWalk) {
     ASSERT_ARENA_OK(a);
 }
 
+TEST(Arena, UserBytesLeftInAFreeBlockAreNeverTakenForItsLinks) {
+    // A split leaves its remainder free with whatever the caller last wrote there;
+    // the arena's bookkeeping must not read a stale word as one of its own marks.
+    Arena a;
+    void* first = a.alloc(200);
+    void* big = a.alloc(1000);
+    void* last = a.alloc(200);
+    ASSERT_TRUE(first && big && last);
+    // The remainder of splitting `big` for a 200-byte request starts 208 bytes in.
+    for (unsigned long word = 0; word < 8; ++word) {
+        unsigned long one = 1;
+        std::memcpy(static_cast<char*>(big) + 200 + word * 8, &one, sizeof one);
+    }
+    a.arena.free(big);
+    void* again = a.alloc(200);  // best fit: big's block, split
+    EXPECT_EQ(big, again);
+    EXPECT_ARENA_OK(a);
+    a.arena.free(last);  // merges backwards into the remainder
+    EXPECT_ARENA_OK(a);
+    void* x = a.alloc(800);
+    EXPECT_EQ(static_cast<char*>(big) + 208, x);
+    a.arena.free(x);
+    a.arena.free(again);
+    a.arena.free(first);
+    EXPECT_ARENA_OK(a);
+}
+
 // ---------------------------------------------------------------------------
 // The arena: randomised run with the verifier
 // ---------------------------------------------------------------------------

@@ -496,6 +496,7 @@ ZO_STEP void MemoryAllocator::keepAsSpare(MemHead* m) {
     freeTotal += size;
     freeByColor[colorWord(h) & 63] += size;
     if (spare) linkFree(spare);
+    heapNode(h)->child = nullptr;  // the spare is never taken for an unfiled block
     spare = m;
 }
 
@@ -668,6 +669,7 @@ void* MemoryAllocator::_alloc(unsigned long request, unsigned int color) {
         } else {
             Head* t = h + need;
             word(t) = static_cast<unsigned int>(remainder);
+            heapNode(t)->child = nullptr;  // as keepAsSpare
             colorWord(t) = c;
             setTrailer(t, remainder);
             word(h) = static_cast<unsigned int>(need | kBusy);
