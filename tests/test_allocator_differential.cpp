@@ -62,6 +62,8 @@ struct Scenario {
     std::size_t maxLive;           // allocations and frees balance at half of it; above it, a burst of frees
     bool growing;                  // the live limit rises from 100 to maxLive over the stream
     unsigned int hugePerMille;     // chance that an allocation asks 70000 bytes to 1 MiB
+    unsigned int wholeBlockPerMille;  // chance that it asks for (nearly) the largest block
+    unsigned int smallPerMille;    // chance that it asks a small block or an 80-byte one
     unsigned int fullCheckEvery;   // operations between walks and verify()
 };
 
@@ -164,6 +166,13 @@ private:
     unsigned long randomSize() {
         unsigned long k = below(1000);
         if (k < sc.hugePerMille) return between(70000, 1ul << 20);
+        if (k < sc.hugePerMille + sc.wholeBlockPerMille) return kMaxRequest - below(64) * 16;
+        k = below(1000);
+        if (k < sc.smallPerMille) {
+            // Small blocks, and requests whose block is exactly 80 bytes.
+            k = below(10);
+            return k < 4 ? between(0, 24) : k < 7 ? between(25, 56) : between(57, 72);
+        }
         k = below(1000);
         if (k < 350) return between(0, 56);
         if (k < 700) return between(57, 1100);
@@ -551,6 +560,32 @@ TEST(ArenaDifferential, CoalescingUpToTheLargestBlockSizeAgrees) {
     s.maxLive = 600;
     Differential::Coverage c = runScenario(s);
     EXPECT_GT(c.largestFree, 60ul << 20);
+}
+
+TEST(ArenaDifferential, CarriersAreTakenFromTheSameFreeBlocks) {
+    // Many small blocks while the live set grows: the small lists run dry again and
+    // again, and carriers come from free blocks (80-byte ones included) or from new
+    // ordinary blocks.
+    Scenario s = base(9);
+    s.smallPerMille = 600;
+    s.maxLive = 12000;
+    s.growing = true;
+    Differential::Coverage c = runScenario(s);
+    EXPECT_GT(c.maxLive, 5000u);
+}
+
+TEST(ArenaDifferential, RegionsLargerThanTheLargestBlockAreCutTheSameWay) {
+    // 96 MiB regions: a region's block stops at the largest block size and the rest
+    // of the region lies unused behind a bridge; some requests ask for (nearly) the
+    // largest block.
+    Scenario s = base(10);
+    s.operations = 20000;
+    s.granule = 96ul << 20;
+    s.reserve = 16ul << 30;
+    s.hugePerMille = 20;
+    s.wholeBlockPerMille = 1;
+    Differential::Coverage c = runScenario(s);
+    EXPECT_GT(c.bridges, 0u);
 }
 
 TEST(ArenaDifferential, SmallGranuleRegionsGrowTheArenaTheSameWay) {
