@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "knobs.h"
+#include "region_source.h"
 #include "utils/allocator.h"
 #include "utils/result.h"
 #include "zosys.h"
@@ -40,61 +41,13 @@ using Utils::Allocator;
 using Utils::HostAllocator;
 using Utils::MemoryAllocator;
 using Utils::MemoryColor;
+using zotest::RegionSource;
 
 namespace {
 
 // ---------------------------------------------------------------------------
 // Helpers
 // ---------------------------------------------------------------------------
-
-// A parent for private arenas: regions from one reservation, committed on demand,
-// rounded up to `granule`, in increasing address order.
-class RegionSource : public Allocator {
-public:
-    explicit RegionSource(unsigned long granule = 1ul << 20, unsigned long reserve = 1ul << 30)
-        : granule_(granule), reserved_(reserve) {
-        void* p = mmap(nullptr, reserve, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-        base_ = p == MAP_FAILED ? nullptr : static_cast<char*>(p);
-    }
-    ~RegionSource() {
-        if (base_) munmap(base_, reserved_);
-    }
-    using Allocator::alloc;
-    void* alloc(unsigned long size) override {
-        ++requests;
-        lastRequest = size;
-        unsigned long want = (size + granule_ - 1) / granule_ * granule_;
-        unsigned long start = cursor_ + gap_;
-        if (!base_ || exhausted || start + want > reserved_) {
-            last_ = 0;
-            return nullptr;
-        }
-        if (mprotect(base_ + start, want, PROT_READ | PROT_WRITE) != 0) return nullptr;
-        cursor_ = start + want;
-        gap_ = 0;
-        last_ = want;
-        return base_ + start;
-    }
-    void free(void*) override {}
-    unsigned long size(void*) const override { return last_; }
-    unsigned long allocatedMemory() const override { return 0; }
-    unsigned long internalFree() const override { return 0; }
-
-    void leaveGap(unsigned long bytes) { gap_ = bytes; }
-    char* base() const { return base_; }
-
-    bool exhausted = false;
-    unsigned long requests = 0;
-    unsigned long lastRequest = 0;
-
-private:
-    char* base_ = nullptr;
-    unsigned long granule_;
-    unsigned long reserved_;
-    unsigned long cursor_ = 0;
-    unsigned long gap_ = 0;
-    unsigned long last_ = 0;
-};
 
 // A private arena over its own source.
 struct Arena {
