@@ -459,6 +459,16 @@ private:
     }
     static void fillOne(void* p, Live const& b) {
         unsigned char* c = static_cast<unsigned char*>(p);
+        // Odd blocks also carry words of 1 between head and tail (up to 4 KiB): a
+        // freed block keeps them, and the arena must never read them as its own
+        // links or marks.
+        if (b.id % 2 && b.request > 40) {
+            unsigned long end = std::min(b.request - 16, 4096ul);
+            for (unsigned long j = 16; j + 8 <= end; j += 8) {
+                std::uint64_t one = 1;
+                std::memcpy(c + j, &one, sizeof one);
+            }
+        }
         unsigned long head = std::min(b.request, 16ul);
         for (unsigned long j = 0; j < head; ++j) c[j] = patternByte(b.id, j);
         for (unsigned long j = b.request > 16 ? b.request - 16 : b.request; j < b.request; ++j)
