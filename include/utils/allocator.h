@@ -268,6 +268,9 @@ private:
     MemHead* growArena(unsigned long need);
     void linkFree(MemHead* h);
     void fileBlock(MemHead* h);
+    unsigned long freeSmallBlock(MemHead* h);
+    unsigned long freeOrdinaryBlock(MemHead* h);
+    void releaseOrdinary(void* p);
     void fileUnfiled();
     void unlinkFree(MemHead* h);
     void keepAsSpare(MemHead* h);

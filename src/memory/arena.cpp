@@ -644,15 +644,25 @@ MemoryAllocator::MemHead* MemoryAllocator::growArena(unsigned long need) {
 // ---------------------------------------------------------------------------
 // Allocation and release.
 // ---------------------------------------------------------------------------
-void* MemoryAllocator::_alloc(unsigned long request, unsigned int color) {
+ZO_STEP void* MemoryAllocator::_alloc(unsigned long request, unsigned int color) {
     unsigned long need = (request + 23) & ~15ul;
     if (need < 32) need = 32;
     MemHead* m;
     if (need <= 64) {
         unsigned int k = highestBit(static_cast<unsigned int>(need));
         if (need != (1ul << k)) ++k;  // 48 becomes 64
-        m = allocSmall(k);
-        if (!m) return nullptr;
+        if (Head* head = H(smallLists[k])) {
+            // allocSmall's first step, inline; allocSmall refills an empty list.
+            unsigned long s = 1ul << k;
+            smallLists[k] = MH(smallNext(head));
+            freeTotal -= s;
+            freeByColor[colorWord(head) & 63] -= s;
+            word(head) |= kBusy;
+            m = MH(head);
+        } else {
+            m = allocSmall(k);
+            if (!m) return nullptr;
+        }
     } else if (spare && !unfiled && !binSummary && !freeTree.root && blockSize(H(spare)) >= need) {
         // The spare is the only free ordinary block: best fit takes it, and a
         // remainder of 80 bytes or more becomes the spare again, in its colour
@@ -784,35 +794,50 @@ ZO_STEP void MemoryAllocator::freeSmall(MemHead* m) {
     freeByColor[colorWord(h) & 63] += s;
 }
 
-ZO_STEP unsigned long MemoryAllocator::_free(void* p) {
-    Head* h = H(p) - 4;
+// Releases a small block (its size word read as at most 64): _free's first and
+// last steps.
+ZO_STEP unsigned long MemoryAllocator::freeSmallBlock(MemHead* m) {
+    Head* h = H(m);
     unsigned int c = word(h) >> kColorShift;
     word(h) &= ~kColorMask;
     colorWord(h) = c;
     unsigned long size = blockSize(h);
     allocatedByColor[c] -= size;
-    if (size > 64) {
-        // The merged space, neighbours included, is counted under this block's
-        // colour from now on: kept, the colour of a release wins.
-        MemHead* spareBefore = spare;
-        Head* merged = H(coalesce(MH(h)));
-        colorWord(merged) = c;
-        if (merged != h && heapNode(merged)->child == kUnfiled) {
-            // It grew an unfiled block, which stays listed (freeLoser's counting,
-            // without the insertion).
-            word(merged) &= ~kBusy;
-            unsigned long mergedSize = blockSize(merged);
-            freeTotal += mergedSize;
-            freeByColor[c] += mergedSize;
-        } else if (spareBefore && !spare) {
-            // A block that absorbed the spare becomes the spare: the index is not
-            // touched.
-            keepAsSpare(MH(merged));
-        } else {
-            freeLoser(MH(merged));
-        }
+    freeSmall(m);
+    return size;
+}
+
+unsigned long MemoryAllocator::_free(void* p) {
+    MemHead* m = MH(H(p) - 4);
+    return blockSize(H(m)) <= 64 ? freeSmallBlock(m) : freeOrdinaryBlock(m);
+}
+
+// Releases an ordinary block: _free's steps for a block larger than 64 bytes.
+ZO_STEP unsigned long MemoryAllocator::freeOrdinaryBlock(MemHead* m) {
+    Head* h = H(m);
+    unsigned int c = word(h) >> kColorShift;
+    word(h) &= ~kColorMask;
+    colorWord(h) = c;
+    unsigned long size = blockSize(h);
+    allocatedByColor[c] -= size;
+    // An ordinary block. The merged space, neighbours included, is counted under
+    // this block's colour from now on: kept, the colour of a release wins.
+    MemHead* spareBefore = spare;
+    Head* merged = H(coalesce(MH(h)));
+    colorWord(merged) = c;
+    if (merged != h && heapNode(merged)->child == kUnfiled) {
+        // It grew an unfiled block, which stays listed (freeLoser's counting,
+        // without the insertion).
+        word(merged) &= ~kBusy;
+        unsigned long mergedSize = blockSize(merged);
+        freeTotal += mergedSize;
+        freeByColor[c] += mergedSize;
+    } else if (spareBefore && !spare) {
+        // A block that absorbed the spare becomes the spare: the index is not
+        // touched.
+        keepAsSpare(MH(merged));
     } else {
-        freeSmall(MH(h));
+        freeLoser(MH(merged));
     }
     return size;
 }
@@ -832,7 +857,15 @@ void* MemoryAllocator::alloc(unsigned long size, unsigned int color) {
 
 void MemoryAllocator::free(void* p) {
     if (!p) return;
-    allocatedTotal -= _free(p);
+    // Small blocks inline; ordinary ones in a function of their own (a tail call),
+    // so that the small path keeps a small frame.
+    MemHead* m = MH(H(p) - 4);
+    if (blockSize(H(m)) > 64) return releaseOrdinary(p);
+    allocatedTotal -= freeSmallBlock(m);
+}
+
+__attribute__((noinline)) void MemoryAllocator::releaseOrdinary(void* p) {
+    allocatedTotal -= freeOrdinaryBlock(MH(H(p) - 4));
 }
 
 MemoryAllocator::MemHead* MemoryAllocator::header(void* p) const {

@@ -214,6 +214,21 @@ inline unsigned int arenaOf(void const* p) {
     return v ? v - 1 : 0;
 }
 
+// The host of arena 0: a HostAllocator whose raise of 0x80000002 always waits
+// until the allocator has been left (it is only ever called from inside an arena
+// operation), so that the lone thread's path needs no Inside mark of its own: it
+// only looks for a pending raise on the way out.
+class ProcessHost final : public HostAllocator {
+public:
+    void* alloc(unsigned long size) override {
+        ++tInside;
+        void* region = HostAllocator::alloc(size);
+        --tInside;
+        return region;
+    }
+    using HostAllocator::alloc;
+};
+
 // A shard's parent: the system layer, like the host, with its regions recorded.
 class ShardHost final : public HostAllocator {
 public:
@@ -246,7 +261,7 @@ private:
 // The process allocator: arena 0, and the dispatch to every arena.
 // ---------------------------------------------------------------------------
 class ProcessAllocator;
-alignas(16) unsigned char gHostStorage[sizeof(HostAllocator)];
+alignas(16) unsigned char gHostStorage[sizeof(ProcessHost)];
 alignas(64) unsigned char gArenaStorage[sizeof(MemoryAllocator) + 64];
 // Shards start on cache lines of their own, so that two arenas' hot fields never
 // share one.
@@ -351,9 +366,8 @@ public:
     // line so that the common path keeps a small frame.
     void* allocate(unsigned long size, unsigned int c) {
         if (__builtin_expect(!alone(), 0)) return allocateShared(size, c);
-        ++tInside;
         void* p = MemoryAllocator::alloc(size, c);
-        if (--tInside == 0 && __builtin_expect(tPendingOutOfMemory, 0)) raisePending();
+        if (__builtin_expect(tPendingOutOfMemory, 0) && tInside == 0) raisePending();
         return p;
     }
     // A release never asks the host for memory, so it needs no Inside mark alone.
@@ -482,11 +496,11 @@ ProcessAllocator* buildProcessAllocator() {
     if (!built) {
         if (!gHostBuilt) {
             gHostBuilt = true;
-            ::new (static_cast<void*>(gHostStorage)) HostAllocator();
+            ::new (static_cast<void*>(gHostStorage)) ProcessHost();
         }
         ProcessAllocator* a = reinterpret_cast<ProcessAllocator*>(gArenaStorage);
         if (!gArenaBuilt) {
-            ::new (static_cast<void*>(gArenaStorage)) ProcessAllocator(reinterpret_cast<HostAllocator*>(gHostStorage));
+            ::new (static_cast<void*>(gArenaStorage)) ProcessAllocator(reinterpret_cast<ProcessHost*>(gHostStorage));
             gArenaBuilt = true;
             std::atexit(destroyArena);
             pthread_key_create(&gThreadKey, releaseArena);
