@@ -735,6 +735,52 @@ TEST(String, AppendsMoveTheBufferWhereTheCapacityRuleAsksNotIntoTheSlack) {
     EXPECT_EQ(movesWhileAppending([](String& s) { s += 1.5; }, 140), byEight);
 }
 
+TEST(String, ZeroLengthEditsStillGrowAnAdoptedBufferToTheCapacityRule) {
+    // consume() adopts "abc" with capacity 4, below the rule's 16 for length 3; an edit
+    // of nothing at the end still runs resizeFor(3 + 0), which moves the text.
+    TestAllocator ta;
+    RouteBuffers route(&ta);
+    auto adopted = [&ta]() {
+        char* block = static_cast<char*>(ta.alloc(4));
+        std::memcpy(block, "abc", 4);
+        String s;
+        s.consume(block);
+        EXPECT_EQ(s.representation()->capacity, 4u);
+        return s;
+    };
+    using Edit = void (*)(String&);
+    Edit const edits[] = {
+        [](String& s) { s.append("xyz", 0); },
+        [](String& s) { s.append(nullptr, 0); },
+        [](String& s) { s += ""; },
+        [](String& s) { s += String(""); },
+        [](String& s) { s.insert("", 0, 0, 1); },
+        [](String& s) { s.insert("", 0, 0, 3); },
+        [](String& s) { s.replace("", 0, 0, 3); },
+    };
+    for (Edit edit : edits) {
+        String s = adopted();
+        char const* before = s.text();
+        edit(s);
+        EXPECT_EQ(str(s), "abc");
+        EXPECT_EQ(s.representation()->capacity, 16u);
+        EXPECT_NE(s.text(), before);
+        EXPECT_EQ(repProblem(s.representation()), "");
+    }
+    // An overwrite of nothing inside the text is the in-place case: no resize.
+    String s = adopted();
+    s.replace("", 0, 0, 1);
+    EXPECT_EQ(s.representation()->capacity, 4u);
+    // The same at the StringRep level.
+    char* block = static_cast<char*>(ta.alloc(4));
+    std::memcpy(block, "abc", 4);
+    StringRep r;
+    r.consume(block);
+    r.append("", 0);
+    EXPECT_EQ(r.capacity, 16u);
+    EXPECT_NE(r.data, block);
+}
+
 TEST(String, Concatenation) {
     EXPECT_EQ(str(String("ab") + String("cd")), "abcd");
     EXPECT_EQ(str(String("ab") + "cd"), "abcd");

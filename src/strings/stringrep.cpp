@@ -171,19 +171,20 @@ bool StringRep::inBuffer(char const* s) const {
 }
 
 void StringRep::appendRaw(char const* s, unsigned long n) {
-    // s does not lie in this buffer.
-    if (n == 0) {
-        if (length == 0) resizeFor(0);  // as growing to length + 0: an emptied buffer is released
-        return;
-    }
-    if (n > String::maxLength - length || !grow(length + n)) return;
+    // s does not lie in this buffer. The room is made by resizeFor(length + n) also
+    // when n is 0: a buffer below the capacity rule for its length (one adopted by
+    // consume()) grows to the rule, and an emptied one (length 0) is released.
+    if (n > String::maxLength - length || !resizeFor(length + n) || n == 0) return;
     std::memcpy(data + length, s, n);
     length += static_cast<unsigned int>(n);
     data[length] = 0;
 }
 
 void StringRep::append(char const* s, unsigned long n) {
-    if (!s) return;
+    if (!s) {
+        if (n) return;  // no bytes to read; a null s of length 0 is "" and still resizes
+        s = gEmptyText;
+    }
     if (n == 0 || !inBuffer(s)) {
         appendRaw(s, n);
         return;
@@ -304,11 +305,8 @@ void StringRep::insertRaw(char const* s, unsigned long n, unsigned long pos) {
         replaceRaw(s, n, pos);
         return;
     }
-    if (n == 0) {
-        if (length == 0) resizeFor(0);  // as growing to length + 0
-        return;
-    }
-    if (n > String::maxLength - length || !grow(length + n)) return;
+    // resizeFor(length + n) also when n is 0, as appendRaw.
+    if (n > String::maxLength - length || !resizeFor(length + n) || n == 0) return;
     std::memmove(data + pos + n, data + pos, length - pos);
     std::memcpy(data + pos, s, n);
     length += static_cast<unsigned int>(n);
