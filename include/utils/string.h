@@ -168,6 +168,7 @@ public:
 private:
     friend class String;
     ZO_STRING_PRIVATE bool grow(unsigned long n);
+    ZO_STRING_PRIVATE bool roomFor(unsigned long n);
     ZO_STRING_PRIVATE void appendRaw(char const* s, unsigned long n);
     ZO_STRING_PRIVATE void replaceRaw(char const* s, unsigned long n, unsigned long pos);
     ZO_STRING_PRIVATE void insertRaw(char const* s, unsigned long n, unsigned long pos);

@@ -59,7 +59,7 @@ bool String::makeOwn(bool create) {
 inline bool String::appendInPlace(char const* s, unsigned long n) {
     StringRep* r = rep;
     if (!r || r->refs != 1 || n == 0 || n > maxLength - r->length) return false;
-    if (StringRep::sizeFor(r->length + n) > r->capacity) return false;
+    if (StringInternal::capacityRule(r->length + n) > r->capacity) return false;
     std::memmove(r->data + r->length, s, n);
     r->length += static_cast<unsigned int>(n);
     r->data[r->length] = 0;
@@ -192,7 +192,7 @@ String& String::operator+=(char const* s) {
 String& String::operator+=(char c) {
     if (!rep) return *this = String(c);
     StringRep* r = rep;
-    if (r->refs == 1 && StringRep::sizeFor(r->length + 1UL) <= r->capacity) {  // as appendInPlace
+    if (r->refs == 1 && StringInternal::capacityRule(r->length + 1UL) <= r->capacity) {  // as appendInPlace
         r->data[r->length] = c;
         r->data[++r->length] = 0;
         return *this;
