@@ -262,8 +262,9 @@ public:
     // bytes as StringRep::append does: the buffer moves when the capacity rule asks
     // for more than its capacity (sizeFor(length + n) > capacity), not when the text
     // stops fitting, so capacity and text() after an append are exactly those of
-    // StringRep::resizeFor(length + n). Slack is not used: with the first block of
-    // String("x") reported as 24 bytes, the text moves at lengths 16, 32, 64, 128.
+    // StringRep::resizeFor(length + n). A block's slack counts only through that
+    // comparison: with the first block of String("x") reported as 24 bytes, the
+    // text moves at lengths 16, 32, 64, 128, not when 24 bytes no longer hold it.
     // Appending nothing ("", a non-null empty String, append(s, 0)) still runs that
     // resize.
     // Nothing when o is null; a null string becomes a copy of o (sharing). Appending

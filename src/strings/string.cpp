@@ -51,9 +51,8 @@ bool String::makeOwn(bool create) {
 
 // The common case of every append: a private buffer that the capacity rule keeps,
 // i.e. StringRep::resizeFor(length + n) would change nothing (sizeFor(length + n) <=
-// capacity). Spare room beyond that (slack the allocator reported, or a buffer from
-// consume()) is not used: the buffer then grows exactly as StringRep::append grows
-// it. Writes n > 0 bytes of s at the end and returns true, or returns false for the
+// capacity). Slack the allocator reported beyond that is not filled: the buffer
+// then grows exactly as StringRep::append grows it. Writes n > 0 bytes of s at the end and returns true, or returns false for the
 // general path. s may lie in the buffer: nothing moves here, so a copy within it is
 // enough.
 inline bool String::appendInPlace(char const* s, unsigned long n) {
