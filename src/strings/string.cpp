@@ -52,9 +52,9 @@ bool String::makeOwn(bool create) {
 // The common case of every append: a private buffer that the capacity rule keeps,
 // i.e. StringRep::resizeFor(length + n) would change nothing (sizeFor(length + n) <=
 // capacity). Slack the allocator reported beyond that is not filled: the buffer
-// then grows exactly as StringRep::append grows it. Writes n > 0 bytes of s at the end and returns true, or returns false for the
-// general path. s may lie in the buffer: nothing moves here, so a copy within it is
-// enough.
+// then grows exactly as StringRep::append grows it. Writes n > 0 bytes of s at the
+// end and returns true, or returns false for the general path. s may lie in the
+// buffer: nothing moves here, so a copy within it is enough.
 inline bool String::appendInPlace(char const* s, unsigned long n) {
     StringRep* r = rep;
     if (!r || r->refs != 1 || n == 0 || n > maxLength - r->length) return false;
