@@ -51,8 +51,10 @@
  *    null when the range or the configured limit is used up. Neither calls
  *    operator new or malloc, and neither calls back into the library.
  *  - The limit, in bytes, comes from the environment variable ZOSYS_MEM_LIMIT
- *    (decimal or 0x hex), read once by the first ZoIF_MemInit; unset means the
- *    whole range. A malformed value is reported on standard error and ignored.
+ *    (decimal or 0x hex), read once by the first ZoIF_MemInit; unset (or 0) means
+ *    the whole range. A malformed value is reported on standard error and ignored.
+ *    A limit below the granule admits no memory at all; the first ZoIF_MemInit
+ *    says so once on standard error.
  *  - The granule is 1 MiB; the reserved range is as large as the system grants,
  *    64 GiB at most. A request above 4 GiB - 1 MiB always fails (the size
  *    argument is 32 bits).

@@ -372,7 +372,12 @@ int ZoIF_MemInit(int) {
     pthread_mutex_lock(&gMem.lock);
     if (!gMem.initialised) {
         gMem.initialised = true;
-        gMem.limit = parseLimit(secure_getenv("ZOSYS_MEM_LIMIT"));
+        char const* limitText = secure_getenv("ZOSYS_MEM_LIMIT");
+        gMem.limit = parseLimit(limitText);
+        // Memory is committed in whole granules, so such a limit admits none.
+        if (gMem.limit != 0 && gMem.limit < kGranule)
+            zosys::reportOnce("ZOSYS_MEM_LIMIT=\"%s\" (%llu bytes) is below the 1 MiB granule: no memory can be handed out",
+                              limitText, gMem.limit);
         // Reserve as much address space as the system grants, from 64 GiB down.
         for (unsigned long size = 64ul << 30; size >= (64ul << 20); size >>= 1) {
             void* p = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);

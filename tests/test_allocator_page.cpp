@@ -46,8 +46,17 @@ public:
     // False when the address range could not be reserved; the parent then fails every request.
     bool reserved() const { return base != nullptr; }
 
-    void* alloc(unsigned long size) override { return alloc(size, 0); }
-    void* alloc(unsigned long size, unsigned int) override {
+    // The default colour stands in for a parent with colours: alloc(size) is asked
+    // in it, and every request records the colour it was asked in.
+    void* alloc(unsigned long size) override {
+        coloursAsked.push_back(defaultColour);
+        return take(size);
+    }
+    void* alloc(unsigned long size, unsigned int colour) override {
+        coloursAsked.push_back(colour);
+        return take(size);
+    }
+    void* take(unsigned long size) {
         ++calls;
         if (failing || size > budget || !base) return nullptr;
         unsigned long give = size + extraBytes;
@@ -96,6 +105,8 @@ public:
     unsigned long gap = 0;         // bytes skipped before the next region
     bool downwards = false;
     unsigned long calls = 0, frees = 0;
+    unsigned int defaultColour = 0;
+    std::vector<unsigned int> coloursAsked;
 
 private:
     unsigned long reserveBytes;
@@ -216,6 +227,34 @@ TEST_F(BSDAllocatorTest, InitTakesOnePageOfDirectoryAndOnePageOfRunRecords) {
     unsigned long* dir = Inspect::directory(a);
     EXPECT_EQ(Inspect::entryOf(a, dir), 2u);
     EXPECT_EQ(Inspect::originPage(a), reinterpret_cast<std::uintptr_t>(dir) / kPage);
+}
+
+TEST_F(BSDAllocatorTest, InitAsksForTheDirectoryInTheParentsDefaultColour) {
+    TestParent parent;
+    parent.defaultColour = 5;
+    BSDAllocator a(&parent);
+    a.init();
+    // The directory through alloc(4096), then the record page through alloc(4096, 0).
+    EXPECT_EQ(parent.coloursAsked, (std::vector<unsigned int>{5, 0}));
+    void* p = a.alloc(3 * kPage, 7);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(parent.coloursAsked, (std::vector<unsigned int>{5, 0, 0}));
+    VERIFY(a);
+}
+
+TEST_F(BSDAllocatorTest, AnUnalignedDirectoryIsAskedAgainInTheDefaultColour) {
+    TestParent parent;
+    parent.defaultColour = 9;
+    parent.misalign = 16;
+    BSDAllocator a(&parent);
+    a.init();
+    std::vector<Message> m = takeMessages();
+    ASSERT_GE(m.size(), 1u);
+    EXPECT_EQ(m[0].text, "init - Allocation is not page aligned");  // later regions are unaligned too
+    // The directory: asked, given back unaligned, asked one page larger, both in the
+    // default colour; then the record page's region, twice in colour 0.
+    EXPECT_EQ(parent.coloursAsked, (std::vector<unsigned int>{9, 9, 0, 0}));
+    VERIFY(a);
 }
 
 TEST_F(BSDAllocatorTest, SurplusOfTheFirstRegionBecomesFreeRuns) {
@@ -797,27 +836,37 @@ TEST_F(BSDAllocatorTest, DefaultColoursArePerThread) {
     a.setDefaultColor(0, nullptr);
 }
 
-TEST_F(BSDAllocatorTest, ColourCountersAdmit256AndRefuseAbove) {
+TEST_F(BSDAllocatorTest, ColourTwoHundredFiftySixAliasesTheWordAfterEachTable) {
     TestParent parent;
     BSDAllocator a(&parent);
     a.init();
-    unsigned long total = a.allocatedMemory();
-    a.adjustColorMemory(256, 5);
-    EXPECT_EQ(a.allocatedColorMemory(256), 5u);
-    EXPECT_EQ(a.freeColorMemory(256), 0u);
-    EXPECT_EQ(a.allocatedMemory(), total);
+    ASSERT_NE(a.alloc(3 * kPage, 7), nullptr);
+    // Directory and record page in colour 0, three pages in colour 7.
+    EXPECT_EQ(a.allocatedMemory(), 20480u);
+    EXPECT_EQ(a.allocatedColorMemory(0), 8192u);
+    EXPECT_EQ(a.allocatedColorMemory(256), 20480u);  // allocatedMemory()
+    EXPECT_EQ(a.freeColorMemory(256), 8192u);        // allocatedColorMemory(0)
+    a.adjustColorMemory(256, 100);
+    EXPECT_EQ(a.allocatedMemory(), 20580u);
+    EXPECT_EQ(a.allocatedColorMemory(256), 20580u);
+    EXPECT_EQ(a.allocatedColorMemory(0), 8192u);
+    a.adjustColorMemory(0, 16);
+    EXPECT_EQ(a.freeColorMemory(256), 8208u);
+    a.adjustColorMemory(0, -16);
+    a.adjustColorMemory(256, -100);
+    EXPECT_EQ(a.allocatedMemory(), 20480u);
+    // Above 256: nothing.
     a.adjustColorMemory(257, 5);
     EXPECT_EQ(a.allocatedColorMemory(257), 0u);
     EXPECT_EQ(a.freeColorMemory(257), 0u);
     EXPECT_EQ(a.allocatedColorMemory(0xFFFFFFFFu), 0u);
-    // Colour 256 is nobody's neighbour: colour 0 and 255 are untouched.
+    EXPECT_EQ(a.allocatedMemory(), 20480u);
     EXPECT_EQ(a.allocatedColorMemory(255), 0u);
-    EXPECT_EQ(a.allocatedColorMemory(0), total);
     a.adjustColorMemory(3, -100);
     EXPECT_EQ(a.allocatedColorMemory(3), 0x100000000ul - 100);
     a.adjustColorMemory(3, 100);
     EXPECT_EQ(a.allocatedColorMemory(3), 0u);
-    EXPECT_EQ(a.allocatedMemory(), total);
+    VERIFY(a);
 }
 
 // ---------------------------------------------------------------------------

@@ -931,6 +931,45 @@ TEST(LogConfig, NoConfigurationLeavesDefaults) {
     EXPECT_EQ(p.err, "error|probe|probe line 42\n");
 }
 
+TEST(LogLoad, ProgramRunsToItsEndUnderEveryMemoryLimit) {
+    // Below the system layer's 1 MiB granule there is no memory at all: the library
+    // still loads, and the system layer says so once.
+    struct Case {
+        char const* limit;
+        bool none;  // below the granule
+    };
+    for (Case c : {Case{"0", false}, Case{"1", true}, Case{"4095", true}, Case{"65536", true}, Case{"1048575", true},
+                   Case{"1048576", false}, Case{"4194304", false}}) {
+        Probe p = runProbe({std::string("ZOSYS_MEM_LIMIT=") + c.limit});
+        EXPECT_TRUE(WIFEXITED(p.status) && WEXITSTATUS(p.status) == 0)
+            << "limit " << c.limit << ": status " << p.status << "\n" << p.err;
+        std::string warning = std::string("zosys: ZOSYS_MEM_LIMIT=\"") + c.limit + "\" (" + c.limit +
+                              " bytes) is below the 1 MiB granule: no memory can be handed out\n";
+        std::size_t at = p.err.find(warning);
+        if (c.none) {
+            EXPECT_NE(at, std::string::npos) << "limit " << c.limit << ": " << p.err;
+            if (at != std::string::npos) {
+                EXPECT_EQ(p.err.find(warning, at + 1), std::string::npos) << p.err;
+            }
+        } else {
+            EXPECT_EQ(p.err.find("zosys: ZOSYS_MEM_LIMIT"), std::string::npos) << "limit " << c.limit << ": " << p.err;
+        }
+        if (zotest::sanitizerOwnsOperatorNew()) continue;  // the sanitizer gives the hub its memory
+        if (c.none) {
+            expectAllSinks(p, "none");
+            EXPECT_EQ(p.facts["defaults"], "none");
+            EXPECT_EQ(p.facts["string"], "");
+            EXPECT_NE(p.err.find("zoutils: no memory for the log hub's sinks: nothing will be logged\n"),
+                      std::string::npos)
+                << p.err;
+        } else {
+            expectAllSinks(p, "std default");
+            EXPECT_EQ(p.facts["string"], "probe12");
+            EXPECT_EQ(p.err, "error|probe|probe line 42\n");
+        }
+    }
+}
+
 TEST(LogConfig, LevelFromTheEnvironment) {
     Probe p = runProbe({"ZOUTILS_LOG_LEVEL=5"});
     EXPECT_EQ(p.facts["cat allocator"], "enabled=0 level=5 verbosity=0");

@@ -33,10 +33,12 @@ struct Counts {
     unsigned long lastNewSize = 0;
     void* lastNew = nullptr;
     void* lastDelete = nullptr;
+    bool exhausted = false;        // operator new(size) returns null, as the library's does
 };
 Counts gCounts;
 
 void* counted(std::size_t size) {
+    if (gCounts.exhausted) return nullptr;
     void* p = std::malloc(size ? size : 1);
     if (!p) throw std::bad_alloc();
     return p;
@@ -188,6 +190,15 @@ TEST(Object, NewGoesThroughTheGlobalOperatorNew) {
     EXPECT_EQ(gCounts.lastNew, static_cast<void*>(t));
     EXPECT_EQ(gCounts.lastNewSize, sizeof(Tracked));
     delete t;
+}
+
+TEST(Object, NewWithoutMemoryYieldsNullAndRunsNoConstructor) {
+    Tracked::live = 0;
+    gCounts.exhausted = true;
+    Tracked* t = new Tracked;
+    gCounts.exhausted = false;
+    EXPECT_EQ(t, nullptr);
+    EXPECT_EQ(Tracked::live, 0);
 }
 
 TEST(Object, DeletingThroughObjectPointerRunsDerivedDestructorAndGlobalDelete) {

@@ -162,6 +162,17 @@ TEST(Results, GeneratedTextBufferIsPerThreadAndReusedByTheNextCall) {
     EXPECT_STREQ(mine, "Success #0x00000002");  // the other thread did not overwrite it
 }
 
+TEST(Results, GeneratedTextStaysReadableAfterItsThreadHasEnded) {
+    char const* first = nullptr;
+    std::thread([&first] { first = resultToString(0x80000005u); }).join();
+    // A thread started after the first one ended (its storage may be reused).
+    char const* second = nullptr;
+    std::thread([&second] { second = resultToString(7u); }).join();
+    EXPECT_STREQ(first, "Failure #0x80000005");
+    EXPECT_STREQ(second, "Success #0x00000007");
+    EXPECT_NE(first, second);
+}
+
 TEST(Results, FirstRegistrationWinsAnyDestructionRemoves) {
     auto* first = new ResultString(0x80000030u, "first text");
     EXPECT_STREQ(resultToString(0x80000030u), "first text");

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -42,13 +43,15 @@ std::string repProblem(StringRep const* r) {
 }
 
 // A test allocator over malloc: remembers each block's colour, reports exactly the size
-// asked (so AddressSanitizer sees any write past a buffer's capacity), counts live
-// blocks, records the colours it was asked for, and can be told to fail.
+// asked plus `slack` (0 unless a test sets it; so AddressSanitizer sees any write past a
+// buffer's capacity), counts live blocks, records the colours it was asked for, and can
+// be told to fail.
 class TestAllocator : public Allocator {
 public:
     using Allocator::alloc;
     bool failing = false;
     long live = 0;
+    unsigned long slack = 0;
     std::vector<unsigned int> colorsAsked;
     unsigned int defaultColour = 0;
 
@@ -76,9 +79,9 @@ private:
     static Header const& header(void* p) { return *reinterpret_cast<Header*>(static_cast<char*>(p) - kHeader); }
     void* make(unsigned long n, unsigned int c) {
         if (failing) return nullptr;
-        char* b = static_cast<char*>(std::malloc(n + kHeader));
+        char* b = static_cast<char*>(std::malloc(n + slack + kHeader));
         if (!b) return nullptr;
-        Header h{n, c & 63};
+        Header h{n + slack, c & 63};
         std::memcpy(b, &h, sizeof h);
         ++live;
         return b + kHeader;
@@ -675,6 +678,107 @@ TEST(String, AppendingHugeDoubleFitsItsBuffer) {
     most += -DBL_MAX;
     EXPECT_EQ(most.length(), 317UL);
     EXPECT_EQ(str(most), std::to_string(-DBL_MAX));
+}
+
+namespace {
+
+struct Move {
+    unsigned long length;    // after the append that moved the text
+    unsigned long capacity;  // after that append
+    bool operator==(Move const& o) const { return length == o.length && capacity == o.capacity; }
+};
+std::ostream& operator<<(std::ostream& os, Move const& m) { return os << "{" << m.length << ", " << m.capacity << "}"; }
+
+// Appends to String("x") with `step` until the text is at least `until` long, on an
+// allocator that reports every block 8 bytes larger than asked (the first block, asked
+// for 16, is 24). Returns where the text moved. After every append, capacity and
+// text() must be those of StringRep::resizeFor(new length) on the buffer as it was.
+template <class Step>
+std::vector<Move> movesWhileAppending(Step step, unsigned long until) {
+    TestAllocator ta;
+    ta.slack = 8;
+    RouteBuffers route(&ta);
+    std::vector<Move> moves;
+    String s("x");
+    EXPECT_EQ(s.representation()->capacity, 24u);
+    while (s.length() < until) {
+        unsigned long capacity = s.representation()->capacity;
+        char const* text = s.text();
+        step(s);
+        unsigned long length = s.length();
+        unsigned long request = StringRep::sizeFor(length);
+        if (request <= capacity) {
+            EXPECT_EQ(s.text(), text) << "moved at length " << length;
+            EXPECT_EQ(s.representation()->capacity, capacity) << "at length " << length;
+        } else {
+            EXPECT_NE(s.text(), text) << "stayed at length " << length;
+            EXPECT_EQ(s.representation()->capacity, request + 8) << "at length " << length;
+            moves.push_back({length, s.representation()->capacity});
+        }
+    }
+    return moves;
+}
+
+}  // namespace
+
+TEST(String, AppendsMoveTheBufferWhereTheCapacityRuleAsksNotIntoTheSlack) {
+    std::vector<Move> const byOne = {{16, 40}, {32, 72}, {64, 136}, {128, 264}};
+    String y("y");
+    EXPECT_EQ(movesWhileAppending([&](String& s) { s += y; }, 130), byOne);
+    EXPECT_EQ(movesWhileAppending([](String& s) { s += "y"; }, 130), byOne);
+    EXPECT_EQ(movesWhileAppending([](String& s) { s += 'y'; }, 130), byOne);
+    EXPECT_EQ(movesWhileAppending([](String& s) { s += 7L; }, 130), byOne);
+    EXPECT_EQ(movesWhileAppending([](String& s) { s += 7UL; }, 130), byOne);
+    EXPECT_EQ(movesWhileAppending([](String& s) { s.append("yz", 1); }, 130), byOne);
+    // "1.500000" is eight characters: 1, 9, 17, 25, ...
+    std::vector<Move> const byEight = {{17, 40}, {33, 72}, {65, 136}, {129, 264}};
+    EXPECT_EQ(movesWhileAppending([](String& s) { s += 1.5; }, 140), byEight);
+}
+
+TEST(String, ZeroLengthEditsStillGrowAnAdoptedBufferToTheCapacityRule) {
+    // consume() adopts "abc" with capacity 4, below the rule's 16 for length 3; an edit
+    // of nothing at the end still runs resizeFor(3 + 0), which moves the text.
+    TestAllocator ta;
+    RouteBuffers route(&ta);
+    auto adopted = [&ta]() {
+        char* block = static_cast<char*>(ta.alloc(4));
+        std::memcpy(block, "abc", 4);
+        String s;
+        s.consume(block);
+        EXPECT_EQ(s.representation()->capacity, 4u);
+        return s;
+    };
+    using Edit = void (*)(String&);
+    Edit const edits[] = {
+        [](String& s) { s.append("xyz", 0); },
+        [](String& s) { s.append(nullptr, 0); },
+        [](String& s) { s += ""; },
+        [](String& s) { s += String(""); },
+        [](String& s) { s.insert("", 0, 0, 1); },
+        [](String& s) { s.insert("", 0, 0, 3); },
+        [](String& s) { s.replace("", 0, 0, 3); },
+    };
+    for (Edit edit : edits) {
+        String s = adopted();
+        char const* before = s.text();
+        edit(s);
+        EXPECT_EQ(str(s), "abc");
+        EXPECT_EQ(s.representation()->capacity, 16u);
+        EXPECT_NE(s.text(), before);
+        EXPECT_EQ(repProblem(s.representation()), "");
+    }
+    // An overwrite of nothing inside the text is the in-place case: no resize.
+    String s = adopted();
+    s.replace("", 0, 0, 1);
+    EXPECT_EQ(s.representation()->capacity, 4u);
+    // The same at the StringRep level.
+    char* block = static_cast<char*>(ta.alloc(4));
+    std::memcpy(block, "abc", 4);
+    StringRep r;
+    r.consume(block);
+    r.append("", 0);
+    EXPECT_EQ(r.capacity, 16u);
+    EXPECT_NE(r.data, block);
 }
 
 TEST(String, Concatenation) {

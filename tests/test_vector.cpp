@@ -27,10 +27,13 @@ struct OpCounts {
     void zero() { *this = OpCounts{}; }
 };
 static OpCounts counts;
+// While set, the Tracked table's allocArray has no memory and returns null.
+static bool noArrays = false;
 
 namespace {
 void* trackedAlloc(unsigned long n) {
     ++counts.allocArray;
+    if (noArrays) return nullptr;
     return new Tracked[n]();
 }
 void trackedFree(void* a) {
@@ -267,6 +270,50 @@ TEST(Vector, FirstGrowthFreesTheNullArrayToo) {
     EXPECT_EQ(counts.allocArray, 1u);
     EXPECT_EQ(counts.freeArray, 1u);
     EXPECT_EQ(counts.assign, 1u);
+}
+
+TEST(Vector, GrowthWithoutMemoryLeavesTheVectorAsItWas) {
+    Vector<Tracked> v;
+    fill(v, 4);  // capacity 4: the next element needs a new array
+    Tracked* data = v.data;
+    Tracked more[2] = {{8}, {9}};
+    noArrays = true;
+    counts.zero();
+    EXPECT_EQ(v.add(Tracked{5}), 4u);  // count: no element has that index
+    v.add(more, 2);
+    v.insert(Tracked{6}, 0);
+    v.insert(more, 2, 1);
+    v.sizeTo(10);
+    v.sizeToExact(10);
+    v.resizeFor(20);
+    EXPECT_EQ(counts.allocArray, 7u);  // one try each, and nothing moved or freed
+    EXPECT_EQ(counts.assign, 0u);
+    EXPECT_EQ(counts.freeArray, 0u);
+    EXPECT_EQ(contents(v), (std::vector<int>{1, 2, 3, 4}));
+    EXPECT_EQ(v.capacity, 4u);
+    EXPECT_EQ(v.data, data);
+    // vectorCopyOp frees its array before it grows: without memory it ends empty.
+    Tracked three[3] = {{1}, {2}, {3}};
+    v.vectorCopyOp(three, 3);
+    EXPECT_EQ(v.count, 0u);
+    EXPECT_EQ(v.capacity, 0u);
+    EXPECT_EQ(v.data, nullptr);
+    noArrays = false;
+    v.add(Tracked{7});
+    EXPECT_EQ(contents(v), (std::vector<int>{7}));
+    EXPECT_EQ(v.verify(), nullptr);
+}
+
+TEST(Vector, LibraryScalarTablesReturnNullWhenMemoryIsExhausted) {
+    // Arrays of 4 and 8 TiB: more than the process allocator can ever give.
+    if (zotest::sanitizerOwnsOperatorNew()) GTEST_SKIP() << "the sanitizer's operator new[] serves this build";
+    EXPECT_EQ(Utils::templOpsUInt.allocArray(1ul << 40), nullptr);
+    EXPECT_EQ(Utils::templOpsLogCat.allocArray(1ul << 40), nullptr);
+    Vector<unsigned int> v;
+    v.add(1u);
+    v.sizeTo(1ul << 40);
+    EXPECT_EQ(v.count, 1u);
+    EXPECT_EQ(v[0], 1u);
 }
 
 // ---------------------------------------------------------------------------

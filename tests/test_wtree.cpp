@@ -275,34 +275,44 @@ TEST(WTree, CheckrotsRebalancesADegenerateChain) {
     EXPECT_EQ(32u, tree.root->weight);
 }
 
-TEST(WTree, HugeWeightsDoNotOverflowTheCriterion) {
-    // 32-bit products would wrap here: 239 * 0x0A000000 < 99 * 0x0A000000 mod 2^32.
+// The criterion's products are unsigned 32-bit and wrap. The children below carry
+// pretend weights (they have no children of their own); only adjust looks at them.
+TEST(WTree, EqualChildrenOfTwentyMillionRotateLeftBecause239LWraps) {
+    // 239 * 20,000,000 wraps to 485,032,704, below 99 * 20,000,000 = 1,980,000,000.
     IntNode a, b, c;
     a.key = 1;
     b.key = 2;
     c.key = 3;
+    a.left = a.right = c.left = c.right = nullptr;
+    a.weight = 20000000u;
+    c.weight = 20000000u;
     b.left = &a;
     b.right = &c;
-    a.left = a.right = c.left = c.right = nullptr;
-    a.weight = 0x0A000000u;  // pretend subtrees (weights only matter here)
-    c.weight = 0x0A000000u;
     WTreeNodeBase* root = &b;
     WTreeBase::adjust(&root);
-    EXPECT_EQ(&b, root);  // balanced: no rotation
-    EXPECT_EQ(0x14000000u, b.weight);
-    IntNode d;
-    d.key = 0;
-    d.left = d.right = nullptr;
-    d.weight = 0x2F000000u;
-    a.left = &d;
-    a.weight = 0x30000000u;
-    c.weight = 0x08000000u;  // left is 6x heavier, its outer grandchild heavy: single rotation
-    root = &b;
+    EXPECT_EQ(&c, root);  // single left rotation: c's inner grandchild (empty) is light
+    EXPECT_EQ(&b, c.left);
+    EXPECT_EQ(&a, b.left);
+    EXPECT_EQ(nullptr, b.right);
+    EXPECT_EQ(20000001u, b.weight);
+    EXPECT_EQ(20000002u, c.weight);
+}
+
+TEST(WTree, EmptyLeftAndRightChildOf43383509StaysBecause99RWraps) {
+    // 99 * 43,383,509 wraps to 95, not above 239 * 1; 29 * 1 is not above 70 * R.
+    IntNode b, c;
+    b.key = 2;
+    c.key = 3;
+    c.left = c.right = nullptr;
+    c.weight = 43383509u;
+    b.left = nullptr;
+    b.right = &c;
+    WTreeNodeBase* root = &b;
     WTreeBase::adjust(&root);
-    EXPECT_EQ(&a, root);
-    EXPECT_EQ(&b, a.right);
-    EXPECT_EQ(0x08000001u, b.weight);
-    EXPECT_EQ(0x37000001u, a.weight);
+    EXPECT_EQ(&b, root);
+    EXPECT_EQ(&c, b.right);
+    EXPECT_EQ(nullptr, b.left);
+    EXPECT_EQ(43383510u, b.weight);
 }
 
 // The differential run: keys 0..kKeys-1, one node per key.

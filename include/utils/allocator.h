@@ -381,22 +381,29 @@ public:
     unsigned int setDefaultColor(unsigned int color, unsigned int* previous) override;
     // The calling thread's default colour; 0 before init().
     unsigned int defaultColor() const override;
-    // Bytes of allocated pages in a colour; 0 for a colour above 256. Colour 256
-    // is accepted and has its own counter, which only adjustColorMemory moves.
+    // The three counter operations take colours 0 to 256 and answer 0 (or do
+    // nothing) above. Colour 256 is deliberately admitted although no block has it:
+    // its counters are the words that follow each table, so it aliases others:
+    //   allocatedColorMemory(256) reads allocatedMemory();
+    //   freeColorMemory(256) reads allocatedColorMemory(0);
+    //   adjustColorMemory(256, d) moves allocatedMemory() by d.
+    // Bytes of allocated pages in a colour (chunk pages count whole).
     unsigned long allocatedColorMemory(unsigned int color) const override;
     // Free chunk bytes in a colour: each chunk page of the colour counts 4096 less
-    // its allocated chunks. 0 for a colour above 256; colour 256 reads 0.
+    // its allocated chunks.
     unsigned long freeColorMemory(unsigned int color) const override;
-    // Adds delta to a colour's allocated counter (colours up to 256; others are
-    // ignored); allocatedMemory() is not touched.
+    // Adds delta to a colour's allocated counter; allocatedMemory() is not touched
+    // (except through colour 256, above).
     void adjustColorMemory(unsigned int color, int delta) override;
     // Releases nothing: the parent keeps whatever was taken from it.
     virtual ~BSDAllocator();
 
-    // Takes the first region from the parent for the directory (logging "parent
-    // alloc failed, check limits" or "init - Allocation is not page aligned" on
-    // trouble), clears every list and counter and takes a thread-local slot for
-    // the default colours. Call once.
+    // Takes the first region from the parent for the directory with
+    // parent->alloc(4096), i.e. in the calling thread's default colour of a parent
+    // with colours (later regions are asked in colour 0), logging "parent alloc
+    // failed, check limits" or "init - Allocation is not page aligned" on trouble;
+    // clears every list and counter and takes a thread-local slot for the default
+    // colours. Call once.
     void init();
     // alloc with an explicit colour (low 8 bits used); chunks up to 2048 bytes,
     // page runs above.
@@ -426,8 +433,8 @@ private:
                       unsigned long pages);
     unsigned long directoryPagesFor(char const* start, unsigned long got, unsigned long* origin) const;
     void markRun(unsigned long index, unsigned long pages, unsigned int color);
-    char* parentPages(unsigned long pages, void** raw, unsigned long* bytes, unsigned long* got,
-                      bool* misaligned);
+    char* parentPages(unsigned long pages, bool defaultColour, void** raw, unsigned long* bytes,
+                      unsigned long* got, bool* misaligned);
     void* allocPages(unsigned long size, unsigned int color);
     void* mapPages(unsigned long pages);
     void freePages(void* p, unsigned long index, unsigned long entry);
@@ -450,11 +457,18 @@ private:
     FreeRun* freeRuns;               // free runs in address order
     FreeRun* spareRun;               // one cached record, so that a release rarely allocates one
     int colorSlot;                   // thread-local slot of the default colour, -1 until init()
-    // One slot more than there are colours: colour 256 is accepted by the counter
-    // operations and reads its own slot instead of the word after the table.
-    unsigned int freeByColor[kColors + 1];
-    unsigned int allocatedByColor[kColors + 1];
-    unsigned int allocatedTotal;
+    // The byte counters, one array in this order: free chunk bytes by colour, bytes
+    // of allocated pages by colour, then their total. One array, so that colour 256,
+    // which the counter operations admit, reads the word after each table: the free
+    // counter of colour 256 is the allocated counter of colour 0, and the allocated
+    // counter of colour 256 is the total.
+    unsigned int counters[2 * kColors + 1];
+    unsigned int* freeByColor() { return counters; }
+    unsigned int const* freeByColor() const { return counters; }
+    unsigned int* allocatedByColor() { return counters + kColors; }
+    unsigned int const* allocatedByColor() const { return counters + kColors; }
+    unsigned int& allocatedTotal() { return counters[2 * kColors]; }
+    unsigned int allocatedTotal() const { return counters[2 * kColors]; }
     unsigned int internalFreeBytes;  // bytes in free runs
     unsigned long obtainedBytes;     // bytes of the regions kept from the parent
 };

@@ -30,7 +30,13 @@
 //
 // Memory exhaustion: a category that cannot be made gets a number that names
 // nothing (getCategory(n) is null, willPrint false); the per-category setters and
-// getters must not be given such a number.
+// getters must not be given such a number. theLog() is never null: when the heap has
+// nothing for the hub (at load under a system-layer memory limit below its granule)
+// it is built in static storage. A hub that got no memory for its class table or
+// its default sink prints nothing, and the process hub says so once on standard
+// error ("zoutils: no memory for the log hub's sinks: nothing will be logged"); a
+// hub without a class table also keeps no sink that setLogger hands it (a sink held
+// by nobody else is deleted) and reports 0 for every line counter.
 //
 // Things that surprise (all kept on purpose):
 //  - The header and the caller's format are expanded together by the sink, so a '%'
@@ -201,7 +207,8 @@ struct VectorOps<LogClass> {
 class ZO_API Log : public Object {
 public:
     // The process's hub, built on first call (reading the configuration) and never
-    // destroyed. The library's own load-time initialiser makes the first call.
+    // destroyed; never null (see "Memory exhaustion" above). The library's own
+    // load-time initialiser makes the first call.
     static Log* theLog() {
         Log* hub = __atomic_load_n(&theLog_, __ATOMIC_ACQUIRE);
         return hub ? hub : makeTheLog();
@@ -273,7 +280,8 @@ public:
     void setLogger(Logger* l);
     // Makes `l` the sink of class `c` only. `c` must be a MessageClass value.
     void setLogger(MessageClass c, Logger* l);
-    // The process default sink, a StdLogger on standard error, made on first call.
+    // The process default sink, a StdLogger on standard error, made on first call
+    // (an empty holder while memory is exhausted).
     // Counts are plain (object.h): the hub changes a sink's count only in setLogger
     // and when a hub is built, never while printing; holders such as the returned
     // one must not be copied or dropped while another thread calls setLogger or
@@ -316,6 +324,10 @@ public:
 
 private:
     static Log* makeTheLog();
+    // False when the class table could not be made (no memory): the hub then has no
+    // sinks and prints nothing.
+    bool hasClasses() const { return classes.count == 4; }
+    static void dropUnheldLogger(Logger* l);
     // Category n, n below catCount: segment s holds the 16 << s numbers from
     // 16 * (2^s - 1) on.
     LogCat* cat(unsigned int n) const {

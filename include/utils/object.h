@@ -40,7 +40,10 @@ public:
     Object();
     virtual ~Object();
 
-    static void* operator new(unsigned long size);
+    // The global operator new(size), which returns null when memory is exhausted.
+    // Declared noexcept so that a new-expression of any derived class checks for
+    // that null: `new FileLogger(...)` then yields null and runs no constructor.
+    static void* operator new(unsigned long size) noexcept;
     static void operator delete(void* p);
 };
 

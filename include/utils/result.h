@@ -52,7 +52,11 @@ ZO_API void setErrorSuppressed(unsigned int code);
 ZO_API void clearErrorSuppressed(unsigned int code);
 // The registered text of `code`, else "Failure #0x%08x" (negative codes) or
 // "Success #0x%08x", eight lower-case hex digits. The generated text lives in a
-// 40-byte buffer of the calling thread, overwritten by that thread's next call.
+// 40-byte buffer of the calling thread, overwritten by that thread's next call and
+// by no other thread. The buffer is never freed, not even when its thread ends: a
+// text that a worker hands to another thread stays readable until the process
+// ends (one small block per thread that ever asks). When there is no memory for a
+// thread's buffer, that call's text lies in one buffer shared by every such call.
 ZO_API char const* resultToString(unsigned int code);
 
 // Registers a text for a code for the object's lifetime; meant to be declared

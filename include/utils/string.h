@@ -99,7 +99,10 @@ public:
     // exceeds String::maxLength or the allocator has no block.
     bool resizeFor(unsigned long n);
 
-    // Appends n bytes of s (s may point into this very buffer).
+    // Appends n bytes of s (s may point into this very buffer). Room is made first
+    // with resizeFor(length + n), also when n is 0: a buffer below the capacity rule
+    // for its length (one adopted by consume()) grows to the rule, and an empty one
+    // is released. A null s counts as "" when n is 0 and appends nothing otherwise.
     void append(char const* s, unsigned long n);
     // Appends the NUL-terminated s; nothing for null s.
     void append(char const* s);
@@ -116,9 +119,11 @@ public:
     bool expandTo(unsigned long n);
     // Overwrites n characters at pos with s[from .. from+n), growing at the end and
     // filling a gap before a far position with blanks: 'ab'.replace("xyz",3,0,5)
-    // gives "ab   xyz".
+    // gives "ab   xyz". At or past the end (pos >= length) the bytes are appended as
+    // by append(), so even n == 0 there runs resizeFor(length).
     void replace(char const* s, unsigned long n, unsigned long from, unsigned long pos);
     // Inserts s[from .. from+n) before pos; a pos past the end is reached with blanks.
+    // Room is made with resizeFor(length + n) as in append(), also when n is 0.
     void insert(char const* s, unsigned long n, unsigned long from, unsigned long pos);
     // Deletes the characters [min(pos, length), min(pos + n, length)); never wraps.
     void remove(unsigned long pos, unsigned long n);
@@ -163,6 +168,7 @@ public:
 private:
     friend class String;
     ZO_STRING_PRIVATE bool grow(unsigned long n);
+    ZO_STRING_PRIVATE bool roomFor(unsigned long n);
     ZO_STRING_PRIVATE void appendRaw(char const* s, unsigned long n);
     ZO_STRING_PRIVATE void replaceRaw(char const* s, unsigned long n, unsigned long pos);
     ZO_STRING_PRIVATE void insertRaw(char const* s, unsigned long n, unsigned long pos);
@@ -252,7 +258,15 @@ public:
     bool operator<=(String const& o) const;
     bool operator<(String const& o) const;
 
-    // Appending. Each gives this string a private buffer first.
+    // Appending. Each gives this string a private buffer first, then appends the
+    // bytes as StringRep::append does: the buffer moves when the capacity rule asks
+    // for more than its capacity (sizeFor(length + n) > capacity), not when the text
+    // stops fitting, so capacity and text() after an append are exactly those of
+    // StringRep::resizeFor(length + n). A block's slack counts only through that
+    // comparison: with the first block of String("x") reported as 24 bytes, the
+    // text moves at lengths 16, 32, 64, 128, not when 24 bytes no longer hold it.
+    // Appending nothing ("", a non-null empty String, append(s, 0)) still runs that
+    // resize.
     // Nothing when o is null; a null string becomes a copy of o (sharing). Appending
     // a string to itself doubles it.
     String& operator+=(String const& o);

@@ -65,6 +65,12 @@ struct TemplOps {
 // the element table and the vector object (self: the Vector<T> whose VectorBase this
 // is); capacity and data are reached through the table's offsets. Element i is the
 // slot at data + i * elemSize.
+//
+// Memory exhaustion: when the table's allocArray returns null, an operation that
+// needs a larger array changes nothing (add then returns count, an index no element
+// has); vectorCopyOp, which frees its array before it grows, leaves the vector
+// empty. Nothing is reported. The library's own tables allocate with nothrow, so
+// they return null; the generic table below uses the throwing new[] of T.
 class ZO_API VectorBase {
 public:
     constexpr VectorBase() : count(0) {}
@@ -77,7 +83,8 @@ public:
     // is freed.
     void resizeFor(unsigned long n, TemplOps const& ops, void* self);
 
-    // Appends one element; returns its index (the old count).
+    // Appends one element; returns its index (the old count), or count when the
+    // array could not grow.
     unsigned long add(void const* value, TemplOps const& ops, void* self);
     // Appends the n consecutive elements at values.
     void add(void const* values, unsigned long n, TemplOps const& ops, void* self);

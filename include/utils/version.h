@@ -8,7 +8,8 @@
 //
 // Failures raise the result code 0x80000003 (kResultBadArgument) through
 // raiseError (utils/result.h) and never throw: a text without any number leaves
-// the numbers 0, a comparison with a missing or foreign version returns 0.
+// the numbers 0, a comparison with a missing or foreign version returns 0. When
+// memory is exhausted, theVersion() and create() return an empty holder.
 //
 // Threads: the counts of versions change under a process-wide lock, and a version
 // never changes after it is made, so one version (the library's own in particular)

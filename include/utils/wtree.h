@@ -9,7 +9,17 @@
 // node's weight is the number of nodes in its subtree plus 1 (a leaf weighs 2).
 // The tree keeps 29*L <= 70*R and 239*L >= 99*R at the nodes it adjusts (L and R
 // being the weights of a node's two links), i.e. neither side is more than about
-// 1 + sqrt(2) times the other. Weight products are computed in 64 bits.
+// 1 + sqrt(2) times the other.
+//
+// Weights and every product of the criterion are unsigned 32-bit, and the products
+// wrap: they decide which rotations happen, so they are computed exactly that way.
+// Deliberate consequence: once a weight passes about 18 million (239 * L wraps from
+// L = 17,970,575; 99 * R from R = 43,383,509), the tree may rotate where wider
+// arithmetic would not and keep shapes wider arithmetic would rotate, so the bounds
+// above no longer describe its shape there. For instance, a node whose two children
+// weigh 20,000,000 each is rotated left (239 * L wraps to 485,032,704, below
+// 99 * R), and a node with an empty left link and a right child of weight 43,383,509
+// is left as it is (99 * R wraps to 95, not above 239 * 1).
 //
 // Comparison protocol: compare(payload of a tree node, sought payload or key).
 // 0 is a match; negative means the sought item lies in the node's left subtree,

@@ -8,6 +8,11 @@
 // Invariant between operations: count <= capacity, and slots count .. capacity-1
 // hold what allocArray or reset left there.
 //
+// An allocArray that returns null (memory exhausted) leaves the vector as it was:
+// every operation that needs a larger array then changes nothing (vectorCopyOp,
+// which frees its array first, is left empty). The log hub's tables are vectors
+// that the library fills while it loads, possibly with no memory at all.
+//
 // The exported members only forward to the functions of the anonymous namespace
 // below: calls between exported functions of a shared library go through the PLT
 // and cannot be inlined, calls between internal ones can.
@@ -23,6 +28,7 @@
 #include <cassert>
 #include <climits>
 #include <cstring>
+#include <new>
 
 namespace Utils {
 
@@ -32,7 +38,8 @@ namespace {
 // reset value (0 or null).
 template <class T>
 struct ScalarOps {
-    static void* allocArray(unsigned long n) { return new T[n](); }
+    // nothrow: the value-initialisation is skipped, not done at null, on exhaustion.
+    static void* allocArray(unsigned long n) { return new (std::nothrow) T[n](); }
     static void freeArray(void* array) { delete[] static_cast<T*>(array); }
     static void assign(void* dst, void const* src) { *static_cast<T*>(dst) = *static_cast<T const*>(src); }
     static int equals(void const* a, void const* b) { return *static_cast<T const*>(a) == *static_cast<T const*>(b); }
@@ -172,16 +179,19 @@ inline unsigned long findLast(TemplOps const& ops, char const* data, unsigned lo
     return count;
 }
 
-void growFor(unsigned long count, unsigned long n, TemplOps const& ops, void* self) {
+// False, with nothing changed, when allocArray gives no array.
+bool growFor(unsigned long count, unsigned long n, TemplOps const& ops, void* self) {
     unsigned long& capacity = capacityOf(ops, self);
-    if (n <= capacity) return;
+    if (n <= capacity) return true;
     unsigned long newCapacity = grownCapacity(n, capacity);
     char* fresh = static_cast<char*>(ops.allocArray(newCapacity));
+    if (!fresh) return false;
     char*& data = dataOf(ops, self);
     assignUp(ops, fresh, data, count);
     capacity = newCapacity;
     ops.freeArray(data);
     data = fresh;
+    return true;
 }
 
 bool removeOrdered(unsigned long& count, unsigned long index, TemplOps const& ops, void* self) {
@@ -210,19 +220,19 @@ TemplOps const templOpsLogCat = ScalarOps<LogCat*>::table();
 void VectorBase::resizeFor(unsigned long n, TemplOps const& ops, void* self) { growFor(count, n, ops, self); }
 
 unsigned long VectorBase::add(void const* value, TemplOps const& ops, void* self) {
-    growFor(count, count + 1, ops, self);
+    if (!growFor(count, count + 1, ops, self)) return count;
     assignOne(ops, slot(dataOf(ops, self), ops, count), value);
     return count++;
 }
 
 void VectorBase::add(void const* values, unsigned long n, TemplOps const& ops, void* self) {
-    growFor(count, count + n, ops, self);
+    if (!growFor(count, count + n, ops, self)) return;
     assignUp(ops, slot(dataOf(ops, self), ops, count), static_cast<char const*>(values), n);
     count += n;
 }
 
 void VectorBase::insert(void const* value, unsigned long index, TemplOps const& ops, void* self) {
-    growFor(count, count + 1, ops, self);
+    if (!growFor(count, count + 1, ops, self)) return;
     char* data = dataOf(ops, self);
     if (index < count)
         assignDown(ops, slot(data, ops, index + 1), slot(data, ops, index), count - index);
@@ -234,7 +244,7 @@ void VectorBase::insert(void const* value, unsigned long index, TemplOps const& 
 
 void VectorBase::insert(void const* values, unsigned long n, unsigned long index, TemplOps const& ops,
                         void* self) {
-    growFor(count, count + n, ops, self);
+    if (!growFor(count, count + n, ops, self)) return;
     char* data = dataOf(ops, self);
     if (index < count)
         assignDown(ops, slot(data, ops, index + n), slot(data, ops, index), count - index);
@@ -303,8 +313,7 @@ bool VectorBase::remove(void const* values, unsigned long n, TemplOps const& ops
 
 void VectorBase::sizeTo(unsigned long n, TemplOps const& ops, void* self) {
     if (n >= count) {
-        growFor(count, n, ops, self);
-        count = n;
+        if (growFor(count, n, ops, self)) count = n;
         return;
     }
     // Resets up to capacity, not only up to count: slots beyond count are already
@@ -318,6 +327,7 @@ void VectorBase::sizeToExact(unsigned long n, TemplOps const& ops, void* self) {
     unsigned long& capacity = capacityOf(ops, self);
     if (n != capacity) {
         char* fresh = static_cast<char*>(ops.allocArray(n));
+        if (!fresh && n) return;
         char*& data = dataOf(ops, self);
         assignUp(ops, fresh, data, count);
         capacity = n;
@@ -346,7 +356,7 @@ void VectorBase::clear(void* self, TemplOps const& ops) {
 void VectorBase::vectorCopyOp(void const* values, unsigned long n, TemplOps const& ops, void* self) {
     if (values == self) return;
     purgeArray(count, ops, self);
-    growFor(count, n, ops, self);
+    if (!growFor(count, n, ops, self)) return;
     assignUp(ops, dataOf(ops, self), static_cast<char const*>(values), n);
     count = n;
 }

@@ -12,7 +12,8 @@
 //    outer grandchild on the left but the inner grandchild on the right. Kept: they
 //    decide which rotations happen, and callers observe tree shapes through prune
 //    and the range removals.
-// Products are taken in 64 bits so that no weight can overflow them.
+// Weights and the products of the criterion are unsigned 32-bit and wrap (see
+// wtree_core.h); the verifier tests the same 32-bit criterion the tree keeps.
 #include "utils/wtree.h"
 
 #include <cstdint>
@@ -94,7 +95,8 @@ std::uint64_t verifyRec(WTreeNodeBase const* n, VerifyState& s) {
         s.error = "a weight differs from its node count + 1";
         return 0;
     }
-    if (s.balanced && (leftHeavy(L, R) || rightHeavy(L, R))) {
+    if (s.balanced && (leftHeavy(static_cast<std::uint32_t>(L), static_cast<std::uint32_t>(R)) ||
+                       rightHeavy(static_cast<std::uint32_t>(L), static_cast<std::uint32_t>(R)))) {
         s.error = "a node breaks the balance criterion";
         return 0;
     }
@@ -118,8 +120,8 @@ void WTreeBase::adjust(WTreeNodeBase** link) { wtcore::adjust(link); }
 void WTreeBase::checkrots(WTreeNodeBase** link) {
     WTreeNodeBase* n = *link;
     if (!n) return;
-    std::uint64_t L = w(n->left), R = w(n->right);
-    n->weight = static_cast<unsigned int>(L + R);
+    std::uint32_t L = w(n->left), R = w(n->right);
+    n->weight = L + R;
     while (leftHeavy(L, R)) {
         if (outerLight(w(n->left->left), L)) {
             lrot(&n->left);

@@ -16,15 +16,18 @@ struct CallbackCompare {
     int operator()(void const* a, void const* b) const { return f(a, b); }
 };
 
-inline std::uint64_t w(WTreeNodeBase const* n) { return n ? n->weight : 1u; }
+inline std::uint32_t w(WTreeNodeBase const* n) { return n ? n->weight : 1u; }
 
-// The criterion, in 64-bit products (32-bit ones could wrap).
-inline bool leftHeavy(std::uint64_t L, std::uint64_t R) { return 29 * L > 70 * R; }
-inline bool rightHeavy(std::uint64_t L, std::uint64_t R) { return 239 * L < 99 * R; }
+// The criterion. Every product is unsigned 32-bit and wraps: the products decide
+// which rotations happen, so they are kept exactly as the 32-bit tree computes them,
+// and a tree whose weights pass 2^32 / 239 (about 18 million) is shaped differently
+// from one computed in wider arithmetic. Kept on purpose; see wtree.h.
+inline bool leftHeavy(std::uint32_t L, std::uint32_t R) { return 29u * L > 70u * R; }
+inline bool rightHeavy(std::uint32_t L, std::uint32_t R) { return 239u * L < 99u * R; }
 // With L the weight of the heavy left child: its outer (left) grandchild is light.
-inline bool outerLight(std::uint64_t LL, std::uint64_t L) { return 169 * LL < 70 * L; }
+inline bool outerLight(std::uint32_t LL, std::uint32_t L) { return 169u * LL < 70u * L; }
 // With R the weight of the heavy right child: its inner (left) grandchild is heavy.
-inline bool innerHeavy(std::uint64_t RL, std::uint64_t R) { return 169 * RL > 99 * R; }
+inline bool innerHeavy(std::uint32_t RL, std::uint32_t R) { return 169u * RL > 99u * R; }
 
 inline WTreeNodeBase* leftmost(WTreeNodeBase* n) {
     if (!n) return nullptr;
@@ -44,8 +47,8 @@ inline void lrot(WTreeNodeBase** link) {
     *link = r;
     n->right = r->left;
     r->left = n;
-    n->weight = static_cast<unsigned int>(w(n->left) + w(n->right));
-    r->weight = static_cast<unsigned int>(n->weight + w(r->right));
+    n->weight = w(n->left) + w(n->right);
+    r->weight = n->weight + w(r->right);
 }
 
 inline void rrot(WTreeNodeBase** link) {
@@ -60,14 +63,14 @@ inline void rrot(WTreeNodeBase** link) {
     *link = r;
     n->left = r->right;
     r->right = n;
-    n->weight = static_cast<unsigned int>(w(n->left) + w(n->right));
-    r->weight = static_cast<unsigned int>(n->weight + w(r->left));
+    n->weight = w(n->left) + w(n->right);
+    r->weight = n->weight + w(r->left);
 }
 
 inline void adjust(WTreeNodeBase** link) {
     WTreeNodeBase* n = *link;
-    std::uint64_t L = w(n->left), R = w(n->right);
-    n->weight = static_cast<unsigned int>(L + R);
+    std::uint32_t L = w(n->left), R = w(n->right);
+    n->weight = L + R;
     if (leftHeavy(L, R)) {
         if (outerLight(w(n->left->left), L)) lrot(&n->left);
         rrot(link);

@@ -15,7 +15,11 @@ unsigned int Countable::refCount() const { return count; }
 Object::Object() {}
 Object::~Object() {}
 
-void* Object::operator new(unsigned long size) { return ::operator new(size); }
+void* Object::operator new(unsigned long size) noexcept {
+    // The library's throwing form returns null on exhaustion, so this never throws;
+    // a foreign one (a sanitizer's) that throws ends the process here instead.
+    return ::operator new(size);
+}
 void Object::operator delete(void* p) { ::operator delete(p); }
 
 Problem::Problem(char const* format, ...) {

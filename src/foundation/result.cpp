@@ -10,6 +10,10 @@
 //    and leaves them empty, so a late raiseError (from another library's static
 //    destructor, or a thread still running at exit) finds valid, empty tables.
 //  - The text table and the listener list are made on first use and never freed.
+//  - Generated texts: each thread formats into a 40-byte buffer of its own, made on
+//    its first call and never freed, reused by another thread or moved, so a text
+//    stays readable after its thread has ended. The buffers are chained from
+//    gTextBuffers, which keeps them reachable until the process ends.
 //  - raiseError can be reached when memory is exhausted, also from an allocation
 //    made under one of the hub's or these tables' locks on the same thread. It then
 //    only returns the code (see log/held_lock.h). An error raised while the same
@@ -17,6 +21,7 @@
 //    not logged, so the raising never recurses through the log without end.
 #include "utils/result.h"
 
+#include <atomic>
 #include <cstdio>
 #include <new>
 
@@ -48,6 +53,29 @@ AVLTree<unsigned int, char const*>* gTexts = nullptr;            // code -> call
 Vector<ResultListener const*>* gListeners = nullptr;
 
 thread_local bool tLoggingError = false;
+
+// One thread's buffer for generated texts; see the invariants above.
+struct TextBuffer {
+    TextBuffer* next;
+    char text[40];
+};
+std::atomic<TextBuffer*> gTextBuffers{nullptr};
+thread_local TextBuffer* tTextBuffer = nullptr;
+// Used by a call that finds no memory for its thread's buffer: shared by every such
+// call and overwritten by the next one. The thread tries again on its next call.
+char gSharedText[40];
+
+char* textBuffer() {
+    TextBuffer* b = tTextBuffer;
+    if (b) return b->text;
+    b = new (std::nothrow) TextBuffer;
+    if (!b) return gSharedText;
+    b->next = gTextBuffers.load(std::memory_order_relaxed);
+    while (!gTextBuffers.compare_exchange_weak(b->next, b, std::memory_order_release, std::memory_order_relaxed)) {
+    }
+    tTextBuffer = b;
+    return b->text;
+}
 
 unsigned long currentTask() { return static_cast<unsigned long>(ZoIF_CurrentTaskIdCoop()); }
 
@@ -144,10 +172,10 @@ char const* resultToString(unsigned int code) {
             if (it.valid()) return it.value();
         }
     }
-    // One buffer per thread: a thread's next call overwrites it.
-    static thread_local char fallback[40];
-    snprintf(fallback, sizeof fallback, static_cast<int>(code) < 0 ? "Failure #0x%08x" : "Success #0x%08x", code);
-    return fallback;
+    // The calling thread's buffer: its next call overwrites it, no other thread does.
+    char* text = textBuffer();
+    snprintf(text, 40, static_cast<int>(code) < 0 ? "Failure #0x%08x" : "Success #0x%08x", code);
+    return text;
 }
 
 ResultString::ResultString(unsigned int c, char const* text) : code(c) {

@@ -24,6 +24,12 @@
 //    concurrent setLogger never deletes a sink under a running print, and the
 //    print path changes no reference count.
 //  - No hub lock is held while a sink runs.
+//  - Memory exhaustion while a hub is built (at load, under a system-layer limit
+//    below its granule, there is no memory at all): theLog() builds the process
+//    hub in static storage when the heap gives nothing, so it is never null; a hub
+//    whose class table could not be made has no classes (count 0) and no sinks, so
+//    it prints nothing and ignores setLogger; a category that cannot be made gets a
+//    number that names nothing. The process hub says so once on standard error.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -263,11 +269,20 @@ TemplOps const templOpsLogClass = {static_cast<unsigned int>(sizeof(LogClass)),
 // The hub
 // ---------------------------------------------------------------------------
 
+namespace {
+// The process hub's storage when the heap has none to give; never destroyed, like
+// a hub on the heap.
+alignas(Log) unsigned char gHubStorage[sizeof(Log)];
+}  // namespace
+
 Log* Log::makeTheLog() {
     HeldLock g(gCreateLock);
     Log* hub = __atomic_load_n(&theLog_, __ATOMIC_RELAXED);
     if (!hub) {
-        hub = new Log;
+        hub = new Log;  // null when memory is exhausted (Object's operator new is noexcept)
+        if (!hub) hub = ::new (static_cast<void*>(gHubStorage)) Log;
+        if (!hub->logger(MessageError))
+            fputs("zoutils: no memory for the log hub's sinks: nothing will be logged\n", stderr);
         __atomic_store_n(&theLog_, hub, __ATOMIC_RELEASE);
     }
     return hub;
@@ -285,11 +300,13 @@ Log::Log()
       nameIndex(nullptr),
       lock() {
     classes.sizeTo(4);
-    classes[MessageError] = LogClass("error");
-    classes[MessageWarning] = LogClass("warning");
-    classes[MessageInfo] = LogClass("info");
-    classes[MessageDebug] = LogClass("debug");
-    for (unsigned int c = 0; c < 4; ++c) sinks[c].store(classes[c].logger.get(), std::memory_order_release);
+    if (hasClasses()) {  // else no memory for the table: every class stays without a sink
+        classes[MessageError] = LogClass("error");
+        classes[MessageWarning] = LogClass("warning");
+        classes[MessageInfo] = LogClass("info");
+        classes[MessageDebug] = LogClass("debug");
+        for (unsigned int c = 0; c < 4; ++c) sinks[c].store(classes[c].logger.get(), std::memory_order_release);
+    }
     enabled_.store(0);
     level_.store(0);
     verbosity_.store(0);
@@ -432,7 +449,23 @@ unsigned int Log::verbosity(unsigned int c) const { return cat(c)->verbosity.loa
 
 Logger* Log::logger(MessageClass c) const { return sinks[c].load(std::memory_order_acquire); }
 
+// A hub without a class table holds no sink: `l` is taken and dropped at once, so
+// a sink that nobody else holds is deleted, as a replaced one would be.
+void Log::dropUnheldLogger(Logger* l) {
+    Logger* doomed = nullptr;
+    if (l) {
+        HeldLock g(gSinkLock);
+        l->incRef();
+        if (l->decRef() == 0) doomed = l;
+    }
+    delete doomed;
+}
+
 void Log::setLogger(Logger* l) {
+    if (!hasClasses()) {
+        dropUnheldLogger(l);
+        return;
+    }
     Vector<Logger*> doomed;
     {
         HeldLock g(gSinkLock);
@@ -447,6 +480,10 @@ void Log::setLogger(Logger* l) {
 }
 
 void Log::setLogger(MessageClass c, Logger* l) {
+    if (!hasClasses()) {
+        dropUnheldLogger(l);
+        return;
+    }
     Vector<Logger*> doomed;
     {
         HeldLock g(gSinkLock);
@@ -522,10 +559,15 @@ int Log::print(MessageClass c, char const* catName, int lvl, char const* file, u
 }
 
 void Log::resetLogStats() {
+    if (!hasClasses()) return;
     for (unsigned int c = 0; c < 4; ++c) __atomic_store_n(&classes[c].count, 0u, __ATOMIC_RELAXED);
 }
 
 void Log::logStats(unsigned int& errors, unsigned int& warnings, unsigned int& infos, unsigned int& debugs) {
+    if (!hasClasses()) {
+        errors = warnings = infos = debugs = 0;
+        return;
+    }
     errors = __atomic_load_n(&classes[0].count, __ATOMIC_RELAXED);
     warnings = __atomic_load_n(&classes[1].count, __ATOMIC_RELAXED);
     infos = __atomic_load_n(&classes[2].count, __ATOMIC_RELAXED);

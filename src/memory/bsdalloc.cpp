@@ -80,9 +80,7 @@ BSDAllocator::BSDAllocator(Allocator* parent)
       freeRuns(nullptr),
       spareRun(nullptr),
       colorSlot(-1),
-      freeByColor{},
-      allocatedByColor{},
-      allocatedTotal(0),
+      counters{},
       internalFreeBytes(0),
       obtainedBytes(0) {}
 
@@ -96,9 +94,7 @@ void BSDAllocator::init() {
     directorySize = 0;
     freeRuns = nullptr;
     spareRun = nullptr;
-    std::memset(freeByColor, 0, sizeof freeByColor);
-    std::memset(allocatedByColor, 0, sizeof allocatedByColor);
-    allocatedTotal = 0;
+    std::memset(counters, 0, sizeof counters);
     internalFreeBytes = 0;
     obtainedBytes = 0;
     if (setUp() && !spareRun) spareRun = static_cast<FreeRun*>(imalloc(sizeof(FreeRun), 0));
@@ -106,13 +102,16 @@ void BSDAllocator::init() {
 }
 
 // The first region: one page for the directory (more when the parent hands out a
-// region too large for one page of entries); the rest becomes free runs. Failing
-// here leaves the allocator without a directory; the next allocation tries again.
+// region too large for one page of entries); the rest becomes free runs. It is
+// asked with parent->alloc(4096), the parent's default colour, unlike every later
+// region (colour 0): on a parent with colours the directory is charged to the
+// calling task's default colour. Failing here leaves the allocator without a
+// directory; the next allocation tries again, the same way.
 bool BSDAllocator::setUp() {
     void* raw = nullptr;
     unsigned long bytes = 0, got = 0;
     bool misaligned = false;
-    char* start = parentPages(1, &raw, &bytes, &got, &misaligned);
+    char* start = parentPages(1, true, &raw, &bytes, &got, &misaligned);
     if (misaligned) BSD_ERROR("init - Allocation is not page aligned");
     if (!start) {
         BSD_ERROR("parent alloc failed, check limits");
@@ -127,21 +126,25 @@ bool BSDAllocator::setUp() {
 }
 
 // Takes from the parent a region holding at least `pages` whole pages and returns
-// its first page. A region that is not page aligned is given back and asked again
+// its first page; asked with alloc(size) when `defaultColour`, else alloc(size, 0).
+// A region that is not page aligned is given back and asked again (the same way)
 // one page larger, so that it holds the pages from its first page boundary on:
 // only whole pages inside a region are ever used. Null when the parent fails or
 // hands out less than asked.
-char* BSDAllocator::parentPages(unsigned long pages, void** raw, unsigned long* bytes, unsigned long* got,
-                                bool* misaligned) {
+char* BSDAllocator::parentPages(unsigned long pages, bool defaultColour, void** raw, unsigned long* bytes,
+                                unsigned long* got, bool* misaligned) {
     *misaligned = false;
     if (pages >= kMaxDirectoryEntries) return nullptr;
     unsigned long want = pages << kPageShift;
-    void* r = parent->alloc(want, 0);
+    auto ask = [this, defaultColour](unsigned long size) {
+        return defaultColour ? parent->alloc(size) : parent->alloc(size, 0);
+    };
+    void* r = ask(want);
     if (!r) return nullptr;
     if (addr(r) % kPageSize) {
         *misaligned = true;
         parent->free(r);
-        r = parent->alloc(want + kPageSize, 0);
+        r = ask(want + kPageSize);
         if (!r) return nullptr;
     }
     unsigned long s = parent->size(r);
@@ -184,8 +187,8 @@ unsigned long BSDAllocator::directoryPagesFor(char const* start, unsigned long g
 void BSDAllocator::markRun(unsigned long index, unsigned long pages, unsigned int color) {
     directory[index] = kRunFirst + color;
     for (unsigned long k = 1; k < pages; ++k) directory[index + k] = kRunFollow;
-    allocatedTotal += static_cast<unsigned int>(pages << kPageShift);
-    allocatedByColor[color] += static_cast<unsigned int>(pages << kPageShift);
+    allocatedTotal() += static_cast<unsigned int>(pages << kPageShift);
+    allocatedByColor()[color] += static_cast<unsigned int>(pages << kPageShift);
 }
 
 // Takes a region of `got` pages into the directory: first `directoryPages` pages of
@@ -234,7 +237,7 @@ void* BSDAllocator::mapPages(unsigned long pages) {
         void* raw = nullptr;
         unsigned long bytes = 0, got = 0;
         bool misaligned = false;
-        char* start = parentPages(pages + directoryPages, &raw, &bytes, &got, &misaligned);
+        char* start = parentPages(pages + directoryPages, false, &raw, &bytes, &got, &misaligned);
         if (misaligned) BSD_ERROR("Allocation is not page aligned");
         if (!start) break;
         unsigned long origin = 0;
@@ -275,8 +278,8 @@ void* BSDAllocator::allocPages(unsigned long size, unsigned int color) {
         break;
     }
     // Counted before mapping, so also when mapping fails (kept).
-    allocatedTotal += bytes;
-    allocatedByColor[color] += bytes;
+    allocatedTotal() += bytes;
+    allocatedByColor()[color] += bytes;
     if (!p) {
         p = static_cast<char*>(mapPages(pages));
         if (!p) return nullptr;
@@ -369,8 +372,8 @@ void BSDAllocator::freePages(void* ptr, unsigned long index, unsigned long entry
     char* start = static_cast<char*>(ptr);
     char* end = start + (pages << kPageShift);
     for (unsigned long k = 0; k < pages; ++k) directory[index + k] = kFreePage;
-    allocatedTotal -= static_cast<unsigned int>(pages << kPageShift);
-    allocatedByColor[color] -= static_cast<unsigned int>(pages << kPageShift);
+    allocatedTotal() -= static_cast<unsigned int>(pages << kPageShift);
+    allocatedByColor()[color] -= static_cast<unsigned int>(pages << kPageShift);
 
     FreeRun* at = nullptr;
     Place place = placeRun(start, end, &at);
@@ -385,8 +388,8 @@ void BSDAllocator::freePages(void* ptr, unsigned long index, unsigned long entry
             // run's first page becomes a page of records. The run keeps its place.
             pginfo* info = reinterpret_cast<pginfo*>(start);
             directory[index] = reinterpret_cast<unsigned long>(info);
-            allocatedTotal += static_cast<unsigned int>(kPageSize);
-            allocatedByColor[0] += static_cast<unsigned int>(kPageSize);
+            allocatedTotal() += static_cast<unsigned int>(kPageSize);
+            allocatedByColor()[0] += static_cast<unsigned int>(kPageSize);
             adoptChunkPage(start, info, kRunShift, 0);
             start += kPageSize;
         }
@@ -412,7 +415,7 @@ void BSDAllocator::adoptChunkPage(char* page, pginfo* info, unsigned int shift, 
     info->free = info->total;
     info->next = chunkLists[color][shift];
     chunkLists[color][shift] = info;
-    freeByColor[color] += static_cast<unsigned int>(kPageSize);
+    freeByColor()[color] += static_cast<unsigned int>(kPageSize);
 }
 
 bool BSDAllocator::makeChunks(unsigned int shift, unsigned int color) {
@@ -437,7 +440,7 @@ bool BSDAllocator::makeChunks(unsigned int shift, unsigned int color) {
 void* BSDAllocator::allocBytes(unsigned long size, unsigned int color) {
     unsigned int shift = shiftFor(size);
     // Taken before anything can fail, and kept when it does.
-    freeByColor[color] -= 1u << shift;
+    freeByColor()[color] -= 1u << shift;
     if (!chunkLists[color][shift] && !makeChunks(shift, color)) return nullptr;
     pginfo* info = chunkLists[color][shift];
     std::uint32_t* bits = info->bits();
@@ -453,7 +456,7 @@ void BSDAllocator::freeBytes(void* p, unsigned long index, pginfo* info) {
     unsigned int k = static_cast<unsigned int>((addr(p) % kPageSize) >> info->shift);
     info->bits()[k / 32] |= 1u << (k % 32);
     ++info->free;
-    freeByColor[info->color] += info->size;
+    freeByColor()[info->color] += info->size;
     pginfo** head = &chunkLists[info->color][info->shift];
     if (info->free == 1) {
         pginfo** at = head;
@@ -468,7 +471,7 @@ void BSDAllocator::freeBytes(void* p, unsigned long index, pginfo* info) {
         directory[index] = kRunFirst + info->color;
         // The page leaves the colour's chunk pages: take back what makeChunks added,
         // so that the counter keeps meaning free chunk bytes.
-        freeByColor[info->color] -= static_cast<unsigned int>(kPageSize);
+        freeByColor()[info->color] -= static_cast<unsigned int>(kPageSize);
         char* page = info->page;
         if (reinterpret_cast<char*>(info) != page) ifree(info);
         ifree(page);
@@ -558,19 +561,22 @@ unsigned int BSDAllocator::defaultColor() const {
     return colorSlot < 0 ? 0 : ZoIF_GetTLSCoop(static_cast<unsigned int>(colorSlot));
 }
 
+// The bound admits 256 on purpose: its entry is the word after each table, i.e.
+// freeByColor()[256] is allocatedByColor()[0] and allocatedByColor()[256] is
+// allocatedTotal() (one counters array, so the aliasing is well defined).
 unsigned long BSDAllocator::allocatedColorMemory(unsigned int color) const {
-    return color > kColors ? 0 : allocatedByColor[color];
+    return color > kColors ? 0 : allocatedByColor()[color];
 }
 
 unsigned long BSDAllocator::freeColorMemory(unsigned int color) const {
-    return color > kColors ? 0 : freeByColor[color];
+    return color > kColors ? 0 : freeByColor()[color];
 }
 
 void BSDAllocator::adjustColorMemory(unsigned int color, int delta) {
-    if (color <= kColors) allocatedByColor[color] += static_cast<unsigned int>(delta);
+    if (color <= kColors) allocatedByColor()[color] += static_cast<unsigned int>(delta);
 }
 
-unsigned long BSDAllocator::allocatedMemory() const { return allocatedTotal; }
+unsigned long BSDAllocator::allocatedMemory() const { return allocatedTotal(); }
 
 unsigned long BSDAllocator::internalFree() const { return internalFreeBytes; }
 

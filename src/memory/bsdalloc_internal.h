@@ -131,7 +131,7 @@ struct BSDAllocatorInspector {
             return std::string(buf);
         };
         if (!a.directory) {
-            if (a.freeRuns || a.allocatedTotal || a.internalFreeBytes) return "counters or runs without a directory";
+            if (a.freeRuns || a.allocatedTotal() || a.internalFreeBytes) return "counters or runs without a directory";
             return {};
         }
         if (a.lastIndex >= a.directorySize) return fail("lastIndex beyond the directory", a.lastIndex, a.directorySize);
@@ -241,13 +241,12 @@ struct BSDAllocatorInspector {
         unsigned long total = 0;
         for (unsigned c = 0; c < A::kColors; ++c) {
             total += allocated[c];
-            if (a.allocatedByColor[c] != static_cast<unsigned int>(allocated[c]))
-                return fail("allocatedByColor", c, a.allocatedByColor[c]);
-            if (a.freeByColor[c] != static_cast<unsigned int>(freeChunkBytes[c]))
-                return fail("freeByColor", c, a.freeByColor[c]);
+            if (a.allocatedByColor()[c] != static_cast<unsigned int>(allocated[c]))
+                return fail("allocatedByColor", c, a.allocatedByColor()[c]);
+            if (a.freeByColor()[c] != static_cast<unsigned int>(freeChunkBytes[c]))
+                return fail("freeByColor", c, a.freeByColor()[c]);
         }
-        if (a.allocatedByColor[A::kColors] || a.freeByColor[A::kColors]) return "colour 256 counters moved";
-        if (a.allocatedTotal != static_cast<unsigned int>(total)) return fail("allocatedTotal", a.allocatedTotal, total);
+        if (a.allocatedTotal() != static_cast<unsigned int>(total)) return fail("allocatedTotal", a.allocatedTotal(), total);
         if (total != allocatedPages * bsd::kPageSize) return "allocated pages";
         if (a.internalFreeBytes != static_cast<unsigned int>(runBytes))
             return fail("internalFree", a.internalFreeBytes, runBytes);

@@ -49,12 +49,16 @@ bool String::makeOwn(bool create) {
     return true;
 }
 
-// The common case of every append: a private buffer with room to spare. Writes n > 0
-// bytes of s at the end and returns true, or returns false for the general path.
-// s may lie in the buffer: nothing moves here, so a copy within it is enough.
+// The common case of every append: a private buffer that the capacity rule keeps,
+// i.e. StringRep::resizeFor(length + n) would change nothing (sizeFor(length + n) <=
+// capacity). Slack the allocator reported beyond that is not filled: the buffer
+// then grows exactly as StringRep::append grows it. Writes n > 0 bytes of s at the
+// end and returns true, or returns false for the general path. s may lie in the
+// buffer: nothing moves here, so a copy within it is enough.
 inline bool String::appendInPlace(char const* s, unsigned long n) {
     StringRep* r = rep;
-    if (!r || r->refs != 1 || n == 0 || n >= r->capacity - r->length) return false;
+    if (!r || r->refs != 1 || n == 0 || n > maxLength - r->length) return false;
+    if (StringInternal::capacityRule(r->length + n) > r->capacity) return false;
     std::memmove(r->data + r->length, s, n);
     r->length += static_cast<unsigned int>(n);
     r->data[r->length] = 0;
@@ -187,7 +191,7 @@ String& String::operator+=(char const* s) {
 String& String::operator+=(char c) {
     if (!rep) return *this = String(c);
     StringRep* r = rep;
-    if (r->refs == 1 && r->length + 1UL < r->capacity) {
+    if (r->refs == 1 && StringInternal::capacityRule(r->length + 1UL) <= r->capacity) {  // as appendInPlace
         r->data[r->length] = c;
         r->data[++r->length] = 0;
         return *this;

@@ -12,6 +12,16 @@ namespace StringInternal {
 // buffers elsewhere (string_testing.h).
 Allocator* bufferAllocator();
 
+// The capacity rule (StringRep::sizeFor): the smallest power of two above n, at
+// least 16; 0 when none fits. Inline here because the append fast paths test it on
+// every call, where the exported StringRep::sizeFor would cost a call through the
+// symbol table.
+inline unsigned long capacityRule(unsigned long n) {
+    if (n <= 15) return 16;
+    if (n >= (1UL << 63)) return 0;
+    return 1UL << (64 - __builtin_clzl(n));
+}
+
 // Membership in a NUL-terminated set of characters, answered as strchr(set, c) != 0
 // would: the NUL character is always a member (strchr finds the terminator). A null
 // set holds only NUL.

@@ -119,15 +119,11 @@ StringRep& StringRep::operator=(char c) {
     return *this;
 }
 
-unsigned long StringRep::sizeFor(unsigned long n) {
-    if (n <= 15) return 16;
-    if (n >= (1UL << 63)) return 0;  // no power of two above n fits
-    return 1UL << (64 - __builtin_clzl(n));
-}
+unsigned long StringRep::sizeFor(unsigned long n) { return StringInternal::capacityRule(n); }
 
 bool StringRep::grow(unsigned long n) {
     // Precondition: 0 < n <= String::maxLength.
-    unsigned long r = sizeFor(n);
+    unsigned long r = StringInternal::capacityRule(n);
     if (r <= capacity) return true;
     Allocator* a = StringInternal::bufferAllocator();
     void* block = capacity ? a->alloc(r, a->color(data)) : a->alloc(r);
@@ -163,6 +159,15 @@ bool StringRep::resizeFor(unsigned long n) {
     return grow(n);
 }
 
+// resizeFor(length + n), called directly (resizeFor is exported, so calls to it
+// inside the library would go through the symbol table). False when the text would
+// outgrow String::maxLength or no block was given.
+bool StringRep::roomFor(unsigned long n) {
+    if (n > String::maxLength - length) return false;
+    if (length + n == 0) return resizeFor(0);
+    return grow(length + n);
+}
+
 bool StringRep::inBuffer(char const* s) const {
     if (!capacity || !s) return false;
     auto p = reinterpret_cast<std::uintptr_t>(s);
@@ -171,19 +176,20 @@ bool StringRep::inBuffer(char const* s) const {
 }
 
 void StringRep::appendRaw(char const* s, unsigned long n) {
-    // s does not lie in this buffer.
-    if (n == 0) {
-        if (length == 0) resizeFor(0);  // as growing to length + 0: an emptied buffer is released
-        return;
-    }
-    if (n > String::maxLength - length || !grow(length + n)) return;
+    // s does not lie in this buffer. The room is made by resizeFor(length + n) also
+    // when n is 0: a buffer below the capacity rule for its length (one adopted by
+    // consume()) grows to the rule, and an emptied one (length 0) is released.
+    if (!roomFor(n) || n == 0) return;
     std::memcpy(data + length, s, n);
     length += static_cast<unsigned int>(n);
     data[length] = 0;
 }
 
 void StringRep::append(char const* s, unsigned long n) {
-    if (!s) return;
+    if (!s) {
+        if (n) return;  // no bytes to read; a null s of length 0 is "" and still resizes
+        s = gEmptyText;
+    }
     if (n == 0 || !inBuffer(s)) {
         appendRaw(s, n);
         return;
@@ -192,11 +198,11 @@ void StringRep::append(char const* s, unsigned long n) {
     // can be read from the old block after the buffer moved.
     if (n > String::maxLength - length) return;
     unsigned long offset = static_cast<unsigned long>(s - data);
-    if (sizeFor(length + n) <= capacity) {
+    if (StringInternal::capacityRule(length + n) <= capacity) {
         std::memmove(data + length, data + offset, n);
     } else {
         Allocator* a = StringInternal::bufferAllocator();
-        unsigned long r = sizeFor(length + n);
+        unsigned long r = StringInternal::capacityRule(length + n);
         void* block = a->alloc(r, a->color(data));
         if (!block) return;
         unsigned long got = a->size(block);
@@ -304,11 +310,8 @@ void StringRep::insertRaw(char const* s, unsigned long n, unsigned long pos) {
         replaceRaw(s, n, pos);
         return;
     }
-    if (n == 0) {
-        if (length == 0) resizeFor(0);  // as growing to length + 0
-        return;
-    }
-    if (n > String::maxLength - length || !grow(length + n)) return;
+    // resizeFor(length + n) also when n is 0, as appendRaw.
+    if (!roomFor(n) || n == 0) return;
     std::memmove(data + pos + n, data + pos, length - pos);
     std::memcpy(data + pos, s, n);
     length += static_cast<unsigned int>(n);
