@@ -6,7 +6,7 @@
 # the items of the rounds is the cost per item without the set-up (process start,
 # the slot and permutation arrays, the arena's first region).
 #
-#   bench/callgrind_alloc.sh                          # zoutils and glibc
+#   bench/callgrind_alloc.sh                          # zoutils and glibc, under a minute
 #   ALLOCATORS="zoutils glibc mimalloc jemalloc tcmalloc" bench/callgrind_alloc.sh
 #   PAIR_ROUNDS=2 MAP_ROUNDS=1 bench/callgrind_alloc.sh        # a quick smoke run
 #
