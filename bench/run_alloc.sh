@@ -6,7 +6,7 @@
 # is then timed with its operator new on the library (LD_PRELOAD) and on glibc.
 #
 #   bench/run_alloc.sh                               # build if needed, run everything
-#   ROUNDS=1 MIN_TIME=0.01 FILTER='size:64/' bench/run_alloc.sh    # a quick smoke run
+#   ROUNDS=1 MIN_TIME=0.01 FILTER='size:64/live:1000/|Map' PARTS=time bench/run_alloc.sh   # smoke run
 #
 # Knobs (environment):
 #   ROUNDS=3       timing rounds; the allocators' order rotates from round to round
