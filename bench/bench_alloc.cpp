@@ -137,18 +137,18 @@ int runRssCase(char const* name) {
 
 // A fixed workload for instruction counting; 0 rounds does every set-up step and
 // no round, so that the set-up can be subtracted.
-int runFixedWork(char const* mode, char const* spec) {
+int runFixedWork(char const* mode, char const* work) {
     if (std::strcmp(mode, "--map") == 0) {
         char* end = nullptr;
-        unsigned long rounds = std::strtoul(spec, &end, 10);
-        if (end == spec || *end) return 2;
+        unsigned long rounds = std::strtoul(work, &end, 10);
+        if (end == work || *end) return 2;
         for (unsigned long r = 0; r < rounds; ++r) buildMap(static_cast<unsigned>(r));
         return 0;
     }
     size_t size = 0, live = 0, rounds = 0;
     int order = 0;
     int used = 0;
-    if (std::sscanf(spec, "%zu:%zu:%d:%zu%n", &size, &live, &order, &rounds, &used) != 4 || spec[used] ||
+    if (std::sscanf(work, "%zu:%zu:%d:%zu%n", &size, &live, &order, &rounds, &used) != 4 || work[used] ||
         order < kLifo || order > kRandom)
         return 2;
     std::vector<void*> slots(live);

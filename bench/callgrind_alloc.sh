@@ -56,22 +56,22 @@ done
 OUT=$BUILD/alloc_results/callgrind
 mkdir -p "$OUT"
 
-# Instructions of one run: allocator, mode, spec.
+# Instructions of one run: allocator, mode, workload arguments.
 count() {
-  local who=$1 mode=$2 spec=$3 file binary
-  file=$OUT/$who.${mode#--}.${spec//:/_}.out
+  local who=$1 mode=$2 work=$3 file binary
+  file=$OUT/$who.${mode#--}.${work//:/_}.out
   binary=$BUILD/bench/bench_alloc_plain
   [[ $who == zoutils ]] && binary=$BUILD/bench/bench_alloc
   # Symbols bound at start-up, so that no lazy binding falls into the rounds.
   LD_BIND_NOW=1 LD_PRELOAD=$(preload "$who") valgrind --tool=callgrind --callgrind-out-file="$file" \
-    "$binary" "$mode" "$spec" 2>"$file.log" || {
-    echo "callgrind run failed: $who $mode $spec (see $file.log)" >&2
+    "$binary" "$mode" "$work" 2>"$file.log" || {
+    echo "callgrind run failed: $who $mode $work (see $file.log)" >&2
     exit 1
   }
   awk '/^(summary|totals):/ { print $2; exit }' "$file"
 }
 
-# name|mode|spec with rounds|spec with 0 rounds|items per round
+# name|mode|arguments with the rounds|arguments with 0 rounds|items of the rounds
 WORKLOADS=(
   "64 B pairs, random, 1e4 live (per pair)|--pairs|64:10000:2:$PAIR_ROUNDS|64:10000:2:0|$((10000 * PAIR_ROUNDS))"
   "256 B pairs, random, 1e4 live (per pair)|--pairs|256:10000:2:$PAIR_ROUNDS|256:10000:2:0|$((10000 * PAIR_ROUNDS))"
@@ -80,10 +80,10 @@ WORKLOADS=(
 
 : >"$OUT/counts.csv"
 for w in "${WORKLOADS[@]}"; do
-  IFS='|' read -r name mode spec base items <<<"$w"
+  IFS='|' read -r name mode work base items <<<"$w"
   for who in "${WHO[@]}"; do
     echo "callgrind: $who, $name" >&2
-    full=$(count "$who" "$mode" "$spec")
+    full=$(count "$who" "$mode" "$work")
     setup=$(count "$who" "$mode" "$base")
     echo "$name|$who|$full|$setup|$items" >>"$OUT/counts.csv"
   done
