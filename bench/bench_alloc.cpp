@@ -13,6 +13,12 @@
 // `bench_alloc --rss <case>` runs one case a fixed number of times outside Google
 // Benchmark and prints the process's peak resident set in KiB, so that the script
 // can compare peak memory per case.
+//
+// `bench_alloc --pairs SIZE:LIVE:ORDER:ROUNDS` and `bench_alloc --map ROUNDS` run a
+// fixed workload outside Google Benchmark and print nothing: ROUNDS rounds of
+// BM_Pairs' work, or ROUNDS maps of BM_MapOfStringsToVectors. Run under callgrind
+// with ROUNDS and with 0, the difference is the instructions of the rounds alone
+// (bench/callgrind_alloc.sh).
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 
@@ -129,6 +135,28 @@ int runRssCase(char const* name) {
     return 0;
 }
 
+// A fixed workload for instruction counting; 0 rounds does every set-up step and
+// no round, so that the set-up can be subtracted.
+int runFixedWork(char const* mode, char const* work) {
+    if (std::strcmp(mode, "--map") == 0) {
+        char* end = nullptr;
+        unsigned long rounds = std::strtoul(work, &end, 10);
+        if (end == work || *end) return 2;
+        for (unsigned long r = 0; r < rounds; ++r) buildMap(static_cast<unsigned>(r));
+        return 0;
+    }
+    size_t size = 0, live = 0, rounds = 0;
+    int order = 0;
+    int used = 0;
+    if (std::sscanf(work, "%zu:%zu:%d:%zu%n", &size, &live, &order, &rounds, &used) != 4 || work[used] ||
+        order < kLifo || order > kRandom)
+        return 2;
+    std::vector<void*> slots(live);
+    std::vector<unsigned> perm = permutation(live, 17);
+    for (size_t r = 0; r < rounds; ++r) runPairs(size, live, order, slots, perm);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -144,6 +172,8 @@ int main(int argc, char** argv) {
     ::operator delete(probe);
 #endif
     if (argc == 3 && std::strcmp(argv[1], "--rss") == 0) return runRssCase(argv[2]);
+    if (argc == 3 && (std::strcmp(argv[1], "--pairs") == 0 || std::strcmp(argv[1], "--map") == 0))
+        return runFixedWork(argv[1], argv[2]);
     registerAll();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

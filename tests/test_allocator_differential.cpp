@@ -598,40 +598,37 @@ TEST(ArenaDifferential, RegionsLargerThanTheLargestBlockAreCutTheSameWay) {
     EXPECT_GT(c.bridges, 0u);
 }
 
-TEST(ArenaDifferential, SmallGranuleRegionsGrowTheArenaTheSameWay) {
-    // 64 KiB regions while the live set grows: large requests keep needing a new
-    // region, and many of them extend a free block that ends the arena.
-    Scenario s = base(4);
+// 64 KiB regions while the live set grows: large requests keep needing a new
+// region, and many of them extend a free block that ends the arena.
+Scenario smallRegions(unsigned long seed, unsigned long reserve) {
+    Scenario s = base(seed);
     s.granule = 1ul << 16;
-    s.reserve = 1ul << 32;
+    s.reserve = reserve;
     s.maxLive = 4000;
     s.growing = true;
+    return s;
+}
+
+TEST(ArenaDifferential, SmallGranuleRegionsGrowTheArenaTheSameWay) {
+    Scenario s = smallRegions(4, 1ul << 32);
     s.hugePerMille = 5;
     Differential::Coverage c = runScenario(s);
     EXPECT_GT(c.regions, 200u);
 }
 
 TEST(ArenaDifferential, GapsBetweenRegionsBuildTheSameBridges) {
-    Scenario s = base(5);
-    s.granule = 1ul << 16;
-    s.reserve = 1ul << 33;
+    Scenario s = smallRegions(5, 1ul << 33);
     s.gapPerMille = 150;
     s.maxGap = 8ul << 20;
-    s.maxLive = 4000;
-    s.growing = true;
     Differential::Coverage c = runScenario(s);
     EXPECT_GT(c.bridges, 20u);
 }
 
 TEST(ArenaDifferential, AnExhaustedParentFailsTheSameRequests) {
-    Scenario s = base(6);
-    s.granule = 1ul << 16;
-    s.reserve = 1ul << 32;
+    Scenario s = smallRegions(6, 1ul << 32);
     s.exhaustPerMille = 10;
     s.gapPerMille = 50;
     s.hugePerMille = 10;
-    s.maxLive = 4000;
-    s.growing = true;
     Differential::Coverage c = runScenario(s);
     EXPECT_GT(c.refusedNulls, 100u);
 }
@@ -639,16 +636,13 @@ TEST(ArenaDifferential, AnExhaustedParentFailsTheSameRequests) {
 TEST(ArenaDifferential, FarGapsBuildTheSameFarBridgesUntilTheirTableIsFull) {
     // Gaps of 4 GiB or more: bridges whose step does not fit their size word, up to
     // the table's 16; after that every further region is refused on both sides.
-    Scenario s = base(7);
+    Scenario s = smallRegions(7, 100ul << 30);
     s.operations = 20000;
-    s.granule = 1ul << 16;
-    s.reserve = 100ul << 30;
     s.farGap = 4ul << 30;
     s.maxGap = 1ul << 20;
     s.gapPerMille = 100;
     s.hugePerMille = 40;
     s.maxLive = 3000;
-    s.growing = true;
     Differential::Coverage c = runScenario(s);
     if (testing::Test::IsSkipped()) return;
     EXPECT_EQ(16u, c.farBridges);
