@@ -217,6 +217,10 @@ public:
 protected:
     struct MemHead;  // the 4-byte size word at the start of every block
 
+    // alloc(size, color) and free(p), bound directly by the process allocator.
+    ZO_INTERNAL void* allocBlock(unsigned long size, unsigned int color);
+    ZO_INTERNAL void releaseBlock(void* p);
+
     void* _alloc(unsigned long size, unsigned int color);
     unsigned long _free(void* p);
     MemHead* allocSmall(unsigned int k);

@@ -4,10 +4,14 @@
 
 #if defined(__GNUC__)
 #define ZO_API __attribute__((visibility("default")))
+// A member of an exported class that only the library itself calls: bound inside
+// the library, never through the symbol table.
+#define ZO_INTERNAL __attribute__((visibility("hidden")))
 // printf-style checking: fmt is the index of the format argument, first that of the
 // first variadic argument (0 for va_list entry points). Member functions count `this` as 1.
 #define ZO_PRINTF(fmt, first) __attribute__((format(printf, fmt, first)))
 #else
 #define ZO_API
+#define ZO_INTERNAL
 #define ZO_PRINTF(fmt, first)
 #endif

@@ -816,8 +816,7 @@ unsigned long MemoryAllocator::_free(void* p) {
 ZO_STEP unsigned long MemoryAllocator::freeOrdinaryBlock(MemHead* m) {
     Head* h = H(m);
     unsigned int c = word(h) >> kColorShift;
-    word(h) &= ~kColorMask;
-    colorWord(h) = c;
+    word(h) &= ~kColorMask;  // the colour word is written once merging is done
     unsigned long size = blockSize(h);
     allocatedByColor[c] -= size;
     // An ordinary block. The merged space, neighbours included, is counted under
@@ -850,12 +849,16 @@ void* MemoryAllocator::alloc(unsigned long size) {
     return _alloc(size, defaultColor());
 }
 
-void* MemoryAllocator::alloc(unsigned long size, unsigned int color) {
+void* MemoryAllocator::alloc(unsigned long size, unsigned int color) { return allocBlock(size, color); }
+
+void* MemoryAllocator::allocBlock(unsigned long size, unsigned int color) {
     if (size > kMaxRequest) return nullptr;
     return _alloc(size, color);
 }
 
-void MemoryAllocator::free(void* p) {
+void MemoryAllocator::free(void* p) { releaseBlock(p); }
+
+void MemoryAllocator::releaseBlock(void* p) {
     if (!p) return;
     // Small blocks inline; ordinary ones in a function of their own (a tail call),
     // so that the small path keeps a small frame.

@@ -366,14 +366,14 @@ public:
     // line so that the common path keeps a small frame.
     void* allocate(unsigned long size, unsigned int c) {
         if (__builtin_expect(!alone(), 0)) return allocateShared(size, c);
-        void* p = MemoryAllocator::alloc(size, c);
+        void* p = allocBlock(size, c);
         if (__builtin_expect(tPendingOutOfMemory, 0) && tInside == 0) raisePending();
         return p;
     }
     // A release never asks the host for memory, so it needs no Inside mark alone.
     void release(void* p) {
         if (__builtin_expect(!alone(), 0)) return releaseShared(p);
-        MemoryAllocator::free(p);
+        releaseBlock(p);
     }
     __attribute__((noinline)) void* allocateShared(unsigned long size, unsigned int c) {
         unsigned int i = myArena();
