@@ -276,6 +276,7 @@ private:
     unsigned long freeOrdinaryBlock(MemHead* h);
     void releaseOrdinary(void* p);
     void fileUnfiled();
+    void unlist(detail::FreeHeapNode* n);
     void unlinkFree(MemHead* h);
     void keepAsSpare(MemHead* h);
     MemHead* takeBestFit(unsigned long need);

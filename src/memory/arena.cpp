@@ -350,6 +350,16 @@ namespace {
 FreeHeapNode* const kUnfiled = reinterpret_cast<FreeHeapNode*>(1);
 }
 
+// Takes an unfiled block's node out of the list.
+ZO_STEP void MemoryAllocator::unlist(FreeHeapNode* n) {
+    if (n->prev)
+        n->prev->next = n->next;
+    else
+        unfiled = n->next;
+    if (n->next) n->next->prev = n->prev;
+    n->child = nullptr;  // no longer listed
+}
+
 ZO_STEP void MemoryAllocator::linkFree(MemHead* m) {
     FreeHeapNode* n = heapNode(H(m));
     n->child = kUnfiled;
@@ -388,12 +398,7 @@ void MemoryAllocator::unlinkFree(MemHead* m) {
     Head* h = H(m);
     FreeHeapNode* n = heapNode(h);
     if (n->child == kUnfiled) {
-        if (n->prev)
-            n->prev->next = n->next;
-        else
-            unfiled = n->next;
-        if (n->next) n->next->prev = n->prev;
-        n->child = nullptr;  // no longer listed
+        unlist(n);
         return;
     }
     unsigned long size = blockSize(h);
@@ -513,13 +518,7 @@ ZO_STEP void MemoryAllocator::removeMe(MemHead* m) {
     Head* h = H(m);
     FreeHeapNode* n = heapNode(h);
     if (m != spare && n->child == kUnfiled) {
-        // Leaving the unfiled list is the common case: inline.
-        if (n->prev)
-            n->prev->next = n->next;
-        else
-            unfiled = n->next;
-        if (n->next) n->next->prev = n->prev;
-        n->child = nullptr;  // no longer listed
+        unlist(n);  // leaving the unfiled list is the common case: inline
     } else {
         unlinkFree(m);
     }
