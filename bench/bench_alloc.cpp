@@ -19,10 +19,17 @@
 // BM_Pairs' work, or ROUNDS maps of BM_MapOfStringsToVectors. Run under callgrind
 // with ROUNDS and with 0, the difference is the instructions of the rounds alone
 // (bench/callgrind_alloc.sh).
+//
+// `bench_alloc --scaling SIZE:LIVE:ORDER:ROUNDS` prints the pairs per second of
+// BM_Pairs' work three ways, in this order: on the only thread of the process, then
+// (after a thread has been started and joined, so the process is no longer
+// single-threaded) on one thread and on two threads, each with its own blocks. It
+// separates what a lock costs from how threads scale.
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,6 +37,7 @@
 #include <new>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #ifdef ZOUTILS_LINKED
@@ -157,6 +165,43 @@ int runFixedWork(char const* mode, char const* work) {
     return 0;
 }
 
+// Pairs per second of `rounds` rounds on each of `threads` threads (0: on this thread).
+double pairsPerSecond(size_t size, size_t live, int order, size_t rounds, int threads) {
+    auto work = [=] {
+        std::vector<void*> slots(live);
+        std::vector<unsigned> perm = permutation(live, 17);
+        for (size_t r = 0; r < rounds; ++r) runPairs(size, live, order, slots, perm);
+    };
+    auto start = std::chrono::steady_clock::now();
+    if (threads == 0) {
+        work();
+    } else {
+        std::vector<std::thread> pool;
+        for (int t = 0; t < threads; ++t) pool.emplace_back(work);
+        for (auto& t : pool) t.join();
+    }
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return static_cast<double>(live * rounds) * (threads ? threads : 1) / seconds;
+}
+
+int runScaling(char const* work) {
+    size_t size = 0, live = 0, rounds = 0;
+    int order = 0;
+    int used = 0;
+    if (std::sscanf(work, "%zu:%zu:%d:%zu%n", &size, &live, &order, &rounds, &used) != 4 || work[used] ||
+        order < kLifo || order > kRandom)
+        return 2;
+    double alone = pairsPerSecond(size, live, order, rounds, 0);
+    std::thread([] {}).join();
+    double one = pairsPerSecond(size, live, order, rounds, 0);
+    double two = pairsPerSecond(size, live, order, rounds, 2);
+    std::printf("only thread of the process: %.1f M pairs/s\n", alone / 1e6);
+    std::printf("one thread, process has had two: %.1f M pairs/s\n", one / 1e6);
+    std::printf("two threads: %.1f M pairs/s (%.2fx one thread, %.2fx the only thread)\n", two / 1e6, two / one,
+                two / alone);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -174,6 +219,7 @@ int main(int argc, char** argv) {
     if (argc == 3 && std::strcmp(argv[1], "--rss") == 0) return runRssCase(argv[2]);
     if (argc == 3 && (std::strcmp(argv[1], "--pairs") == 0 || std::strcmp(argv[1], "--map") == 0))
         return runFixedWork(argv[1], argv[2]);
+    if (argc == 3 && std::strcmp(argv[1], "--scaling") == 0) return runScaling(argv[2]);
     registerAll();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
