@@ -143,6 +143,13 @@ int runRssCase(char const* name) {
     return 0;
 }
 
+// SIZE:LIVE:ORDER:ROUNDS, as the --pairs and --scaling modes take it.
+bool parsePairs(char const* work, size_t* size, size_t* live, int* order, size_t* rounds) {
+    int used = 0;
+    return std::sscanf(work, "%zu:%zu:%d:%zu%n", size, live, order, rounds, &used) == 4 && !work[used] &&
+           *order >= kLifo && *order <= kRandom;
+}
+
 // A fixed workload for instruction counting; 0 rounds does every set-up step and
 // no round, so that the set-up can be subtracted.
 int runFixedWork(char const* mode, char const* work) {
@@ -155,10 +162,7 @@ int runFixedWork(char const* mode, char const* work) {
     }
     size_t size = 0, live = 0, rounds = 0;
     int order = 0;
-    int used = 0;
-    if (std::sscanf(work, "%zu:%zu:%d:%zu%n", &size, &live, &order, &rounds, &used) != 4 || work[used] ||
-        order < kLifo || order > kRandom)
-        return 2;
+    if (!parsePairs(work, &size, &live, &order, &rounds)) return 2;
     std::vector<void*> slots(live);
     std::vector<unsigned> perm = permutation(live, 17);
     for (size_t r = 0; r < rounds; ++r) runPairs(size, live, order, slots, perm);
@@ -187,10 +191,7 @@ double pairsPerSecond(size_t size, size_t live, int order, size_t rounds, int th
 int runScaling(char const* work) {
     size_t size = 0, live = 0, rounds = 0;
     int order = 0;
-    int used = 0;
-    if (std::sscanf(work, "%zu:%zu:%d:%zu%n", &size, &live, &order, &rounds, &used) != 4 || work[used] ||
-        order < kLifo || order > kRandom)
-        return 2;
+    if (!parsePairs(work, &size, &live, &order, &rounds)) return 2;
     double alone = pairsPerSecond(size, live, order, rounds, 0);
     std::thread([] {}).join();
     double one = pairsPerSecond(size, live, order, rounds, 0);
