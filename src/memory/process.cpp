@@ -298,19 +298,22 @@ private:
 // Holds every arena in use, in index order: a consistent view of the process.
 class HoldAll {
 public:
-    HoldAll() : count_(alone() ? 0 : 1 + gShardCount.load(std::memory_order_acquire)) {
-        for (unsigned int i = 0; i < count_; ++i) lock(gLocks[i]);
+    // The arenas are counted once: a shard built meanwhile is not read without its
+    // lock (its blocks all come after this view's moment).
+    HoldAll() : arenas_(1 + gShardCount.load(std::memory_order_acquire)), locked_(alone() ? 0 : arenas_) {
+        for (unsigned int i = 0; i < locked_; ++i) lock(gLocks[i]);
     }
     ~HoldAll() {
-        for (unsigned int i = count_; i-- > 0;) unlock(gLocks[i]);
+        for (unsigned int i = locked_; i-- > 0;) unlock(gLocks[i]);
     }
-    unsigned int arenas() const { return 1 + gShardCount.load(std::memory_order_relaxed); }
+    unsigned int arenas() const { return arenas_; }
     HoldAll(HoldAll const&) = delete;
     HoldAll& operator=(HoldAll const&) = delete;
 
 private:
     Inside inside_;
-    unsigned int count_;
+    unsigned int arenas_;
+    unsigned int locked_;
 };
 
 // Arena ownership: owned[i] is set while a live thread has arena i as its own.
