@@ -10,7 +10,11 @@
 // printf-style checking: fmt is the index of the format argument, first that of the
 // first variadic argument (0 for va_list entry points). Member functions count `this` as 1.
 #define ZO_PRINTF(fmt, first) __attribute__((format(printf, fmt, first)))
+// An entry point that exists only so the library's own tests can reach inside
+// (seams, table resets, lock depths). Not part of the public ABI.
+#define ZO_TEST_API ZO_API
 #else
+#define ZO_TEST_API
 #define ZO_API
 #define ZO_INTERNAL
 #define ZO_PRINTF(fmt, first)

@@ -9,7 +9,7 @@ namespace detail {
 
 // Purges the suppressed-code list and frees every node of the last-error table,
 // leaving both empty and usable.
-ZO_API void releaseResultTables();  // exported for the library's tests
+ZO_TEST_API void releaseResultTables();  // exported for the library's tests
 
 }  // namespace detail
 }  // namespace Utils

@@ -20,7 +20,7 @@ namespace detail {
 
 // Number of hub and result-table locks the calling thread holds.
 // Exported for the library's tests.
-ZO_API int& heldLockDepth();
+ZO_TEST_API int& heldLockDepth();
 
 class HeldLock {
 public:

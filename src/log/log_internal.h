@@ -8,7 +8,7 @@ namespace detail {
 
 // Drops the reference Log::theDefaultLogger_ holds and leaves it empty (the sink is
 // deleted when no class holds it any more).
-ZO_API void dropDefaultLogger();  // exported for the library's tests
+ZO_TEST_API void dropDefaultLogger();  // exported for the library's tests
 
 }  // namespace detail
 }  // namespace Utils

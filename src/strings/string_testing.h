@@ -15,7 +15,7 @@ namespace StringTesting {
 
 // Routes string buffers to `a` (null: back to Allocator::theAllocator()); returns the
 // allocator installed before (null when it was the process allocator).
-ZO_API Allocator* setBufferAllocator(Allocator* a);
+ZO_TEST_API Allocator* setBufferAllocator(Allocator* a);
 
 }  // namespace StringTesting
 }  // namespace Utils
