@@ -1356,3 +1356,30 @@ TEST(GlobalOperators, ProcessStressThroughNewAndDeleteEndsVerified) {
 }
 
 }  // namespace
+
+// Two free neighbours too large to merge may touch; a block cut from one of them
+// must not leave its free tail touching the other when the two would now fit one
+// block (found by the arena fuzz target).
+TEST(ArenaRegression, SplittingAFreeBlockNextToAnUnmergeableNeighbourMergesTheTail) {
+    // Page-granular regions, and requests whose blocks (request + 8, plus 16 for the
+    // region's edges) fill whole regions: the blocks lie back to back, no tails.
+    Arena a(4096);
+    void* first = a.alloc((35ul << 20) - 24);
+    void* second = a.alloc((40ul << 20) - 24);
+    void* fence = a.alloc(1024);
+    ASSERT_TRUE(first && second && fence);
+    ASSERT_EQ(addr(first) + blockSizeOf(first), addr(second));
+    ASSERT_EQ(addr(second) + blockSizeOf(second), addr(fence));
+    a.arena.free(first);
+    a.arena.free(second);
+    ASSERT_STREQ(a.verify(), nullptr);  // about 75 MiB in two free blocks: too large for one
+    void* cut = a.alloc(30ul << 20);  // best fit: the first block, leaving a tail of about 6 MiB
+    ASSERT_NE(cut, nullptr);
+    EXPECT_STREQ(a.verify(), nullptr);
+    unsigned long before = a.arena.allocatedMemory();
+    a.arena.free(cut);
+    EXPECT_STREQ(a.verify(), nullptr);
+    EXPECT_LT(a.arena.allocatedMemory(), before);
+    a.arena.free(fence);
+    EXPECT_STREQ(a.verify(), nullptr);
+}

@@ -548,6 +548,9 @@ ZO_STEP void MemoryAllocator::splitBlock(MemHead* m, unsigned long n) {
     setTrailer(t, remainder);
     word(h) = static_cast<unsigned int>(n | kBusy);
     setTrailer(h, n);
+    // A free block may touch a free neighbour when the two are too large for one
+    // block; its tail is smaller and may now fit together with that neighbour.
+    t = H(coalesce(MH(t)));
     keepAsSpare(MH(t));  // freeLoser, with the tail kept out of the index
 }
 

@@ -333,7 +333,9 @@ void ReferenceArena::splitBlock(MemHead* m, unsigned long n) {
     setTrailer(t, remainder);
     word(h) = static_cast<unsigned int>(n | kBusy);
     setTrailer(h, n);
-    freeLoser(MH(t));
+    // A free block may touch a free neighbour when the two are too large for one
+    // block; its tail is smaller and may now fit together with that neighbour.
+    freeLoser(coalesce(MH(t)));
 }
 
 ReferenceArena::MemHead* ReferenceArena::coalesce(MemHead* m) {
