@@ -5,6 +5,7 @@
 // memory and TLS functions run while the library's allocator is being built.
 // Objects behind handles come from calloc.
 #include "zosys.h"
+#include "zosys_faults.h"
 #include "zosys_diag.h"
 
 #include <atomic>
@@ -393,7 +394,7 @@ int ZoIF_MemInit(int) {
 }
 
 void* ZoIF_MemAllocMin(unsigned int* size) {
-    if (!size) return nullptr;
+    if (!size || ZoIF_Faulty(ZOIF_FAULT_REGION)) return nullptr;
     ZoIF_MemInit(0);
     pthread_mutex_lock(&gMem.lock);
     void* result = nullptr;
@@ -433,7 +434,7 @@ unsigned long long ZoIF_TestMemCommitted(void) {
 }
 
 int ZoIF_Open(char const* path, int flags, int mode) {
-    if (!path) return -1;
+    if (!path || ZoIF_Faulty(ZOIF_FAULT_OPEN)) return -1;
     int oflags = O_WRONLY | O_CLOEXEC;
     if (flags == 2)
         oflags |= O_TRUNC;
@@ -451,6 +452,7 @@ int ZoIF_Open(char const* path, int flags, int mode) {
 
 int ZoIF_Write(int file, void const* bytes, unsigned int count) {
     if (file < 0) return EBADF;
+    if (ZoIF_Faulty(ZOIF_FAULT_WRITE)) return ENOSPC;
     auto const* p = static_cast<char const*>(bytes);
     while (count > 0) {
         ssize_t n = write(file, p, count);

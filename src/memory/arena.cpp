@@ -91,6 +91,7 @@
 #include "utils/allocator.h"
 #include "utils/result.h"
 #include "zosys.h"
+#include "zosys_faults.h"
 
 namespace Utils {
 
@@ -647,6 +648,7 @@ MemoryAllocator::MemHead* MemoryAllocator::growArena(unsigned long need) {
 // Allocation and release.
 // ---------------------------------------------------------------------------
 ZO_STEP void* MemoryAllocator::_alloc(unsigned long request, unsigned int color) {
+    if (ZoIF_Faulty(ZOIF_FAULT_ARENA)) return nullptr;
     unsigned long need = (request + 23) & ~15ul;
     if (need < 32) need = 32;
     MemHead* m;

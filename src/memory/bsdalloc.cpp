@@ -44,6 +44,7 @@
 #include "utils/log.h"
 #include "utils/result.h"
 #include "zosys.h"
+#include "zosys_faults.h"
 
 namespace Utils {
 
@@ -136,7 +137,8 @@ char* BSDAllocator::parentPages(unsigned long pages, bool defaultColour, void** 
     *misaligned = false;
     if (pages >= kMaxDirectoryEntries) return nullptr;
     unsigned long want = pages << kPageShift;
-    auto ask = [this, defaultColour](unsigned long size) {
+    auto ask = [this, defaultColour](unsigned long size) -> void* {
+        if (ZoIF_Faulty(ZOIF_FAULT_PARENT)) return nullptr;
         return defaultColour ? parent->alloc(size) : parent->alloc(size, 0);
     };
     void* r = ask(want);

@@ -61,6 +61,7 @@
 #include "utils/allocator.h"
 #include "utils/result.h"
 #include "zosys.h"
+#include "zosys_faults.h"
 
 namespace Utils {
 
@@ -368,6 +369,7 @@ public:
     // The global operators' paths: the lone thread's steps inline, the rest out of
     // line so that the common path keeps a small frame.
     void* allocate(unsigned long size, unsigned int c) {
+        if (__builtin_expect(ZoIF_Faulty(ZOIF_FAULT_PROCESS), 0)) return refuse();
         if (__builtin_expect(!alone(), 0)) return allocateShared(size, c);
         void* p = allocBlock(size, c);
         if (__builtin_expect(tPendingOutOfMemory, 0) && tInside == 0) raisePending();
@@ -387,6 +389,14 @@ public:
         unsigned int i = arenaOf(p);
         Hold hold(i);
         arena(i)->MemoryAllocator::free(p);
+    }
+    // A failure injected by a test: exactly what the host's exhaustion does.
+    __attribute__((noinline)) static void* refuse() {
+        if (tInside)
+            tPendingOutOfMemory = true;
+        else
+            raiseOutOfMemory();
+        return nullptr;
     }
     __attribute__((noinline)) static void raisePending() {
         tPendingOutOfMemory = false;

@@ -27,6 +27,7 @@
 #include "strings/string_internal.h"
 #include "strings/string_testing.h"
 #include "utils/string.h"
+#include "zosys_faults.h"
 
 namespace Utils {
 
@@ -126,7 +127,7 @@ bool StringRep::grow(unsigned long n) {
     unsigned long r = StringInternal::capacityRule(n);
     if (r <= capacity) return true;
     Allocator* a = StringInternal::bufferAllocator();
-    void* block = capacity ? a->alloc(r, a->color(data)) : a->alloc(r);
+    void* block = ZoIF_Faulty(ZOIF_FAULT_STRING) ? nullptr : capacity ? a->alloc(r, a->color(data)) : a->alloc(r);
     if (!block) return false;
     unsigned long got = a->size(block);
     if (got <= n) {  // an allocator that reports less than it was asked for
@@ -203,7 +204,7 @@ void StringRep::append(char const* s, unsigned long n) {
     } else {
         Allocator* a = StringInternal::bufferAllocator();
         unsigned long r = StringInternal::capacityRule(length + n);
-        void* block = a->alloc(r, a->color(data));
+        void* block = ZoIF_Faulty(ZOIF_FAULT_STRING) ? nullptr : a->alloc(r, a->color(data));
         if (!block) return;
         unsigned long got = a->size(block);
         if (got <= length + n) {
