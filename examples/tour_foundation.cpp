@@ -34,6 +34,10 @@ struct Greeting : Utils::Object {
 void tourObjects() {
     std::printf("\n-- Object model --\n");
     Utils::CountedRef<Greeting> a(new Greeting);
+    if (!a) {
+        std::printf("no memory for an object\n");
+        return;
+    }
     {
         Utils::CountedRef<Greeting> b = a;
         std::printf("two holders: count %u\n", a->refCount());

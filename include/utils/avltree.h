@@ -22,6 +22,7 @@
 #pragma once
 
 #include <cstddef>
+#include <new>
 
 #include "utils/export.h"
 #include "utils/vector.h"
@@ -161,10 +162,14 @@ public:
         return false;
     }
     // When link is null does nothing; otherwise stores a new node (balance 0, parent
-    // current, no children) at link. Returns true in both cases. Does not rebalance:
+    // current, no children) at link. Returns true in both cases, except when memory
+    // is exhausted: then nothing is stored and it returns false. Does not rebalance:
     // AVLTree::insert and intern run rebalanceAfterInsert() after it.
     bool insert(K const& key, V const& value) {
-        if (link) *link = new Node(key, value, current);
+        if (!link) return true;
+        Node* node = new (std::nothrow) Node(key, value, current);
+        if (!node) return false;
+        *link = node;
         return true;
     }
     // AVLTreeIterBase::remove(), then destroys and frees the node that came back.
@@ -205,12 +210,13 @@ public:
     AVLTree& operator=(AVLTree const&) = delete;
 
     // Adds key with value and rebalances; returns true. When the key is present,
-    // returns false and keeps the old value.
+    // returns false and keeps the old value; when memory is exhausted, returns false
+    // and the tree is unchanged.
     bool insert(K const& key, V const& value) {
         Iter it(*this);
         it.top();
         if (it.find(key)) return false;
-        it.insert(key, value);
+        if (!it.insert(key, value)) return false;
         it.rebalanceAfterInsert();
         return true;
     }
@@ -229,12 +235,15 @@ public:
     }
     // A cursor on key's node. An absent key is first inserted with a zero
     // (value-initialised) value; the cursor then sits on the new node after any
-    // rotation.
+    // rotation. When memory is exhausted the cursor is off the tree (current null).
     Iter intern(K const& key) {
         Iter it(*this);
         it.top();
         if (!it.find(key)) {
-            it.insert(key, V());
+            if (!it.insert(key, V())) {
+                it.current = nullptr;
+                return it;
+            }
             it.rebalanceAfterInsert();
             it.top();
             it.find(key);

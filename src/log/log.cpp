@@ -395,7 +395,10 @@ unsigned int Log::getCategory(char const* name) {
     unsigned int count = catCount.load(std::memory_order_relaxed);
     for (n = 0; n < count; ++n)
         if (strcmp(cat(n)->name, name) == 0) return n;
-    return createCategory(name);
+    // A category that could not be made answers a number that never names one; the
+    // next free number would name the next category made.
+    n = createCategory(name);
+    return n < catCount.load(std::memory_order_relaxed) ? n : kNoCategory;
 }
 
 unsigned int Log::getCategory(char const* name, int lvl, bool on, unsigned int verb) {

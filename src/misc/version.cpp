@@ -2,6 +2,7 @@
 #include "utils/version.h"
 
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 
@@ -64,6 +65,9 @@ CountedRef<Version> Version::theVersion() {
     // Made outside the lock; if another thread installed one meanwhile, ours is
     // dropped (after the lock is released: `made` outlives `hold`).
     CountedRef<Version> made(new VersionImpl(kLibraryVersion));
+    // A version whose text found no memory would read 0.0.0.0: none rather than a wrong one.
+    if (made && made->asString().length() == 0) made = nullptr;
+    if (!made) return made;
     std::lock_guard<std::mutex> hold(slotLock);
     if (!VersionImpl::theVersion_) VersionImpl::theVersion_ = made;
     return VersionImpl::theVersion_;
@@ -71,7 +75,10 @@ CountedRef<Version> Version::theVersion() {
 
 CountedRef<Version> Version::create(unsigned int major, unsigned int minor, unsigned int revision,
                                     unsigned int build) {
-    return CountedRef<Version>(new VersionImpl(major, minor, revision, build));
+    CountedRef<Version> made(new VersionImpl(major, minor, revision, build));
+    // Without memory for its text the version would show a wrong one: none instead.
+    if (made && made->asString().length() == 0) made = nullptr;
+    return made;
 }
 
 // ---------------------------------------------------------------------------
@@ -99,11 +106,11 @@ unsigned int VersionImpl::revision() const { return numbers[2]; }
 unsigned int VersionImpl::build() const { return numbers[3]; }
 
 void VersionImpl::buildStringRep() {
-    stringRep = "";
-    for (int i = 0; i < 4; ++i) {
-        stringRep += numbers[i];
-        if (i < 3) stringRep += ".";
-    }
+    // Built whole and assigned once: when memory runs out the text is left empty,
+    // never partly written.
+    char text[4 * 10 + 4];
+    std::snprintf(text, sizeof text, "%u.%u.%u.%u", numbers[0], numbers[1], numbers[2], numbers[3]);
+    stringRep = text;
 }
 
 void VersionImpl::parseStringRep() {
