@@ -27,6 +27,7 @@
 #include "utils/allocator.h"
 #include "utils/result.h"
 #include "zosys.h"
+#include "child.h"
 
 #if !defined(__cpp_sized_deallocation)
 // clang enables sized deallocation only with -fsized-deallocation, and the standard
@@ -996,7 +997,7 @@ TEST(ProcessAllocator, ForkedChildAllocatesWhileParentThreadsAreBusy) {
             bool ok = p && q && static_cast<MemoryAllocator*>(a)->verify() == nullptr;
             a->free(p);
             a->free(q);
-            _exit(ok ? 0 : 1);
+            zotest::exitChild(ok ? 0 : 1);
         }
         int status = 0;
         waitpid(pid, &status, 0);

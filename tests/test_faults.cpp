@@ -435,7 +435,7 @@ int runUnderLimit(char const* program, unsigned long limit) {
         dup2(null, 1);
         dup2(null, 2);
         execl(program, program, static_cast<char*>(nullptr));
-        _exit(127);
+        zotest::exitChild(127);
     }
     int status = 0;
     waitpid(pid, &status, 0);

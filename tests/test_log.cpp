@@ -777,7 +777,7 @@ TEST(LogSinks, SystemSinkReachesARealSyslogSocket) {
         std::string problem = privateDevLog();
         if (!problem.empty()) {
             writeAll(pipefd[1], problem);
-            _exit(0);
+            zotest::exitChild(0);
         }
         int sock = socket(AF_UNIX, SOCK_DGRAM, 0);
         sockaddr_un addr{};
@@ -785,7 +785,7 @@ TEST(LogSinks, SystemSinkReachesARealSyslogSocket) {
         strcpy(addr.sun_path, "/dev/log");
         if (sock < 0 || bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
             writeAll(pipefd[1], std::string("SKIP cannot bind /dev/log: ") + strerror(errno));
-            _exit(0);
+            zotest::exitChild(0);
         }
         timeval tv{5, 0};
         setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
@@ -805,7 +805,7 @@ TEST(LogSinks, SystemSinkReachesARealSyslogSocket) {
             got += n > 0 ? std::string(datagram, static_cast<size_t>(n)) : std::string("FAIL nothing received");
         }
         writeAll(pipefd[1], got);
-        _exit(0);
+        zotest::exitChild(0);
     }
     close(pipefd[1]);
     int status;
@@ -888,7 +888,7 @@ Probe runProbe(std::vector<std::string> env) {
         close(out[0]);
         close(err[0]);
         execve(path, argv, envp.data());
-        _exit(127);
+        zotest::exitChild(127);
     }
     close(out[1]);
     close(err[1]);

@@ -524,8 +524,8 @@ TEST(Results, RaisingWhenMemoryIsExhaustedReturnsTheCodeAndNeverRecurses) {
         close(pipefd[0]);
         alarm(60);  // a deadlock ends the child instead of the run
         std::string report = exhaustedChild();
-        if (write(pipefd[1], report.data(), report.size()) < 0) _exit(3);
-        _exit(0);
+        if (write(pipefd[1], report.data(), report.size()) < 0) zotest::exitChild(3);
+        zotest::exitChild(0);
     }
     close(pipefd[1]);
     int status;

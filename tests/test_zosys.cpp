@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "zosys.h"
+#include "child.h"
 
 namespace {
 
@@ -112,7 +113,7 @@ TEST(Tasks, ForkedChildReadsItsOwnTaskId) {
     if (pid == 0) {
         int childId = ZoIF_CurrentTaskId();
         bool ok = childId == static_cast<int>(syscall(SYS_gettid)) && childId != parentId;
-        _exit(ok ? 0 : 1);
+        zotest::exitChild(ok ? 0 : 1);
     }
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);

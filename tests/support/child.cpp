@@ -16,4 +16,15 @@ std::string collectChildReport(int fd, pid_t pid, int* status) {
     return report;
 }
 
+#ifdef ZOUTILS_COVERAGE
+extern "C" void __gcov_dump(void);
+#endif
+
+void exitChild(int code) {
+#ifdef ZOUTILS_COVERAGE
+    __gcov_dump();
+#endif
+    _exit(code);
+}
+
 }  // namespace zotest
