@@ -1,0 +1,185 @@
+// The allocators' verifiers find what they are there to find: each test damages
+// one invariant of a live arena or page allocator by hand, checks that the
+// verifier names that fault, repairs it and checks that the verifier is quiet
+// again. (Every other test relies on these verifiers saying "sound" only when the
+// structure is.)
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "memory/bsdalloc_internal.h"
+#include "region_source.h"
+#include "utils/allocator.h"
+
+using namespace Utils;
+
+namespace {
+
+// --- the arena -------------------------------------------------------------
+
+unsigned int& headerWord(void* p) { return *reinterpret_cast<unsigned int*>(static_cast<char*>(p) - 4); }
+unsigned int& tailWord(void* p) {
+    unsigned int size = headerWord(p) & 0x03FFFFFCu;
+    return *reinterpret_cast<unsigned int*>(static_cast<char*>(p) - 4 + size - 4);
+}
+
+struct Arena {
+    zotest::RegionSource source{1ul << 20, 1ul << 28};
+    MemoryAllocator arena{&source};
+    void* busy[4] = {};
+    void* small = nullptr;
+    Arena() {
+        arena.init();
+        for (void*& p : busy) p = arena.alloc(200, 3);
+        small = arena.alloc(20, 2);
+        arena.free(busy[1]);  // one free ordinary block between busy ones
+    }
+};
+
+// Damages with `damage`, expects `fault`, repairs with `repair`.
+void expectFault(Arena& a, char const* fault, std::function<void()> const& damage, std::function<void()> const& repair) {
+    ASSERT_EQ(a.arena.verify(), nullptr);
+    damage();
+    char const* found = a.arena.verify();
+    repair();
+    ASSERT_NE(found, nullptr) << "the damage for \"" << fault << "\" went unnoticed";
+    EXPECT_STREQ(found, fault);
+    EXPECT_EQ(a.arena.verify(), nullptr);
+}
+
+TEST(ArenaVerify, NamesADamagedTail) {
+    Arena a;
+    unsigned int saved = tailWord(a.busy[0]);
+    expectFault(a, "tail size does not match", [&] { tailWord(a.busy[0]) = saved + 16; },
+                [&] { tailWord(a.busy[0]) = saved; });
+}
+
+TEST(ArenaVerify, NamesABlockSizeOutOfRange) {
+    Arena a;
+    unsigned int saved = headerWord(a.busy[0]);
+    expectFault(a, "ordinary block size out of range", [&] { headerWord(a.busy[0]) = (saved & ~0x03FFFFFCu) | 64u; },
+                [&] { headerWord(a.busy[0]) = saved; });
+}
+
+TEST(ArenaVerify, NamesAFreeBlockWithColourBits) {
+    Arena a;
+    unsigned int saved = headerWord(a.busy[1]);
+    expectFault(a, "free block with colour bits", [&] { headerWord(a.busy[1]) = saved | (5u << 26); },
+                [&] { headerWord(a.busy[1]) = saved; });
+}
+
+TEST(ArenaVerify, NamesAFreeSmallBlockWithAColour) {
+    Arena a;
+    a.arena.free(a.small);  // on the 32-byte list now, its size word without colour
+    unsigned int saved = headerWord(a.small);
+    expectFault(a, "free small block with colour bits", [&] { headerWord(a.small) = saved | (7u << 26); },
+                [&] { headerWord(a.small) = saved; });
+}
+
+TEST(ArenaVerify, NamesAWordAtTheEndThatIsNotZero) {
+    Arena a;
+    // The word at arenaEnd is the one nextBlock's walk stops on; the walk yields
+    // the address just past the arena (plus 4) once, after the last block.
+    void* past = nullptr;
+    for (void* p = a.arena.firstBlock(); p; p = a.arena.nextBlock(p)) past = p;
+    ASSERT_NE(past, nullptr);
+    unsigned int& end = headerWord(past);
+    unsigned int saved = end;
+    expectFault(a, "the word at arenaEnd is not 0", [&] { end = 0x1234; }, [&] { end = saved; });
+}
+
+// --- the page allocator --------------------------------------------------------
+
+using Inspector = BSDAllocatorInspector;
+
+struct Pages {
+    zotest::RegionSource source{1ul << 16, 1ul << 28};
+    BSDAllocator bsd{&source};
+    void* chunk = nullptr;  // a 64-byte chunk: its page keeps its record inside
+    void* big = nullptr;    // a 2048-byte chunk: its record lies elsewhere
+    void* run = nullptr;    // three pages
+    Pages() {
+        bsd.init();
+        chunk = bsd.alloc(64, 4);
+        big = bsd.alloc(2048, 5);
+        run = bsd.alloc(3 * 4096, 6);
+        void* gone = bsd.alloc(5 * 4096, 6);
+        bsd.free(gone);  // a free run
+    }
+    BSDAllocator::pginfo* info(void* p) { return reinterpret_cast<BSDAllocator::pginfo*>(Inspector::entryOf(bsd, p)); }
+};
+
+void expectFault(Pages& a, char const* fault, std::function<void()> const& damage, std::function<void()> const& repair) {
+    ASSERT_EQ(Inspector::verify(a.bsd), "");
+    damage();
+    std::string found = Inspector::verify(a.bsd);
+    repair();
+    EXPECT_EQ(found.substr(0, std::strlen(fault)), fault) << "found: \"" << found << "\"";
+    EXPECT_EQ(Inspector::verify(a.bsd), "");
+}
+
+TEST(PageVerify, NamesChunkRecordFaults) {
+    Pages a;
+    BSDAllocator::pginfo* i = a.info(a.chunk);
+    ASSERT_NE(i, nullptr);
+    auto field = [&](char const* fault, auto& member, auto wrong) {
+        auto saved = member;
+        expectFault(a, fault, [&] { member = static_cast<std::remove_reference_t<decltype(member)>>(wrong); },
+                    [&] { member = saved; });
+    };
+    field("bad shift", i->shift, 3);
+    field("size and shift disagree", i->size, 48);
+    field("chunk total", i->total, i->total - 1);
+    field("free count differs from bitmap", i->free, i->free + 1);
+    field("pginfo of another page", i->page, i->page + 4096);
+    field("listed page", i->color, 9);
+    std::uint32_t saved = i->bits()[0];
+    // The first chunks of the page hold the record itself and are never free.
+    expectFault(a, "bit set outside the chunks", [&] { i->bits()[0] |= 1u; }, [&] { i->bits()[0] = saved; });
+    BSDAllocator::pginfo* outside = a.info(a.big);
+    ASSERT_NE(outside, nullptr);
+    expectFault(a, "pginfo placement",
+                [&] {
+                    outside->shift = 4;
+                    outside->size = 16;
+                },
+                [&] {
+                    outside->shift = 11;
+                    outside->size = 2048;
+                });
+}
+
+TEST(PageVerify, NamesDirectoryFaults) {
+    Pages a;
+    unsigned long* dir = Inspector::directory(a.bsd);
+    unsigned long last = Inspector::lastIndex(a.bsd);
+    ASSERT_LT(last + 1, Inspector::directorySize(a.bsd));
+    expectFault(a, "entry beyond lastIndex", [&] { dir[last + 1] = bsd::kFreePage; }, [&] { dir[last + 1] = 0; });
+    unsigned long dirIndex = bsd::pageNumber(dir) - Inspector::originPage(a.bsd);
+    expectFault(a, "directory's first page not a colour-0 run", [&] { dir[dirIndex] = bsd::kRunFirst + 1; },
+                [&] { dir[dirIndex] = bsd::kRunFirst; });
+    unsigned long runFirst = Inspector::entryOf(a.bsd, a.run);
+    expectFault(a, "following page without a run", [&] { Inspector::setEntryOf(a.bsd, a.run, bsd::kFreePage); },
+                [&] { Inspector::setEntryOf(a.bsd, a.run, runFirst); });
+    std::vector<Inspector::Run> runs = Inspector::freeRuns(a.bsd);
+    ASSERT_FALSE(runs.empty());
+    char* freePage = runs.front().start;
+    expectFault(a, "page of a run not marked free", [&] { Inspector::setEntryOf(a.bsd, freePage, bsd::kRunFirst); },
+                [&] { Inspector::setEntryOf(a.bsd, freePage, bsd::kFreePage); });
+}
+
+TEST(PageVerify, NamesCounterFaults) {
+    Pages a;
+    expectFault(a, "allocatedByColor", [&] { a.bsd.adjustColorMemory(6, 4096); },
+                [&] { a.bsd.adjustColorMemory(6, -4096); });
+    // Colour 256 is the word after the table: allocatedMemory() itself.
+    expectFault(a, "allocatedTotal", [&] { a.bsd.adjustColorMemory(256, 4096); },
+                [&] { a.bsd.adjustColorMemory(256, -4096); });
+}
+
+}  // namespace
