@@ -952,6 +952,57 @@ TEST_F(Config, BadArgumentsAreRefused) {
     EXPECT_NE(ZoIF_GetConfigString("ZoTest.Text", nullptr, 4), 0);
 }
 
+TEST_F(Config, EveryBlankCountsAroundKeysAndValues) {
+    std::string p = namedFile();
+    writeFile(p, "\v\f ZoTest.Value\t\r= \f 0xaBc\v\r\n");
+    EXPECT_EQ(readValue(), 0xABC);
+    writeFile(p, "ZoTest.Value = 0x1g\nZoTest.Value = 12a\n");
+    int v = 5;
+    EXPECT_NE(ZoIF_GetConfigNumber("ZoTest.Value", &v), 0);  // neither is a number
+    EXPECT_EQ(v, 5);
+}
+
+TEST_F(Config, ManyLinesForOneKeyLastOneWins) {
+    std::string text;
+    for (int i = 1; i <= 40; ++i) text += "zotest.VALUE = " + std::to_string(i) + "\n";
+    text += "= no key\n";
+    writeFile(namedFile(), text);
+    EXPECT_EQ(readValue(), 40);
+}
+
+TEST_F(Config, AKeyTooLongForAVariableNameIsReadFromFiles) {
+    std::string key(300, 'k');
+    writeFile(namedFile(), key + " = 9\n");
+    int v = 0;
+    EXPECT_EQ(ZoIF_GetConfigNumber(key.c_str(), &v), 0);
+    EXPECT_EQ(v, 9);
+}
+
+TEST_F(Config, RelativeUserDirectoryFallsBackToHomeAndNoHomeMeansNoUserFile) {
+    std::string home = dir + "/fallback";
+    run("mkdir -p '" + home + "/.config/zoutils'");
+    writeFile(home + "/.config/zoutils/zoutils.conf", "ZoTest.Value = 31\n");
+    char const* savedHome = getenv("HOME");
+    std::string kept = savedHome ? savedHome : "";
+    setenv("XDG_CONFIG_HOME", "relative/dir", 1);
+    setenv("HOME", home.c_str(), 1);
+    EXPECT_EQ(readValue(), 31);
+    setenv("HOME", "", 1);
+    int v = 3;
+    EXPECT_NE(ZoIF_GetConfigNumber("ZoTest.Value", &v), 0);
+    EXPECT_EQ(v, 3);
+    if (savedHome)
+        setenv("HOME", kept.c_str(), 1);
+    else
+        unsetenv("HOME");
+}
+
+TEST_F(Config, ANamedPathThatIsADirectoryHoldsNoValues) {
+    setenv("ZOSYS_CONFIG", dir.c_str(), 1);
+    writeFile(systemFile(1), "ZoTest.Value = 8\n");
+    EXPECT_EQ(readValue(), 8);
+}
+
 // ---------------------------------------------------------------------------
 // Clock
 // ---------------------------------------------------------------------------
