@@ -26,7 +26,7 @@
 #include "child.h"
 
 #include "knobs.h"
-#include "log/log_internal.h"
+#include "log/hub_internal.h"
 #include "utils/log.h"
 #include "utils/result.h"
 #include "zosys.h"

@@ -19,7 +19,7 @@
 
 #include "foundation/result_tables.h"
 #include "knobs.h"
-#include "log/held_lock.h"
+#include "library/reentry.h"
 #include "utils/log.h"
 #include "utils/result.h"
 #include "zosys.h"

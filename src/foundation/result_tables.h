@@ -1,5 +1,5 @@
 // Internal: the unload step of the result tables, called by the library's
-// load/unload sequence (src/log/startup.cpp).
+// load/unload sequence (src/library/startup.cpp).
 #pragma once
 
 #include "utils/export.h"
