@@ -206,6 +206,31 @@ void releaseResultTables() {
     gLastErrors.value.root = nullptr;
 }
 
+// The tables against their own invariants (see the top of this file): both trees
+// sound, the suppressed list and the listener list sound vectors, no listener null,
+// and the chain of text buffers finite.
+char const* verifyResultTables() {
+    HeldLock<platform::TableLock> g(gResultLock);
+    if (char const* e = gLastErrors.value.verify()) return e;
+    if (char const* e = gSuppressed.value.verify()) return e;
+    if (gTexts)
+        if (char const* e = gTexts->verify()) return e;
+    if (gListeners) {
+        if (char const* e = gListeners->verify()) return e;
+        for (unsigned long i = 0; i < gListeners->count; ++i)
+            if (!(*gListeners)[i]) return "result tables: a listener is null";
+    }
+    // Floyd's walk: a cycle would make the chain endless.
+    TextBuffer const* slow = gTextBuffers.load(std::memory_order_acquire);
+    TextBuffer const* fast = slow;
+    while (fast && fast->next) {
+        slow = slow->next;
+        fast = fast->next->next;
+        if (slow == fast) return "result tables: the text buffers form a cycle";
+    }
+    return nullptr;
+}
+
 }  // namespace detail
 
 }  // namespace Utils
