@@ -876,7 +876,7 @@ Probe runProbe(std::vector<std::string> env) {
     std::vector<char*> envp;
     for (auto& e : env) envp.push_back(&e[0]);
     envp.push_back(nullptr);
-    char const* path = ZOUTILS_LOG_PROBE;
+    char const* path = LOG_PROBE;
     char* argv[] = {const_cast<char*>(path), nullptr};
     int out[2], err[2];
     Probe p;
