@@ -1197,13 +1197,8 @@ TEST(LogVerifier, RandomCategoryAndSinkWorkKeepsTheTablesConsistent) {
     Fields defaults = {0, false, 0};
     CountedRef<Logger> sinks[3] = {CountedRef<Logger>(new NullLogger), CountedRef<Logger>(new NullLogger),
                                    CountedRef<Logger>(nullptr)};
-    unsigned long state = 0x2545F4914F6CDD1Dul;
-    auto next = [&state](unsigned long bound) {
-        state ^= state << 13;
-        state ^= state >> 7;
-        state ^= state << 17;
-        return state % bound;
-    };
+    zotest::Walk walk(0x2545F4914F6CDD1Dul);
+    auto next = [&walk](unsigned long bound) { return walk.below(bound); };
     unsigned long const steps = zotest::scaled(3000);
     for (unsigned long step = 0; step < steps; ++step) {
         switch (next(7)) {

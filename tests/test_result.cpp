@@ -402,13 +402,8 @@ TEST(Results, RandomTableWorkMatchesTheModelAndKeepsTheTablesSound) {
     std::map<unsigned int, char const*> firstText;
     unsigned int listeners = 0;
     unsigned int last = 0;
-    unsigned long state = 0x9E3779B97F4A7C15ul;
-    auto next = [&state](unsigned long bound) {
-        state ^= state << 13;
-        state ^= state >> 7;
-        state ^= state << 17;
-        return state % bound;
-    };
+    zotest::Walk walk(0x9E3779B97F4A7C15ul);
+    auto next = [&walk](unsigned long bound) { return walk.below(bound); };
     unsigned long const steps = zotest::scaled(2000);
     for (unsigned long step = 0; step < steps; ++step) {
         unsigned int code = 0x80000200u + static_cast<unsigned int>(next(16));

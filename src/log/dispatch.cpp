@@ -86,48 +86,45 @@ void Log::logStats(unsigned int& errors, unsigned int& warnings, unsigned int& i
 // Call-site objects
 // ---------------------------------------------------------------------------
 
+namespace {
+
+// The body of every call-site print: `cat` is a number or a name. `filtered` asks
+// for LineLog's answer (1 when the line passed the filter, else 0) instead of the
+// sink's result.
+template <class Category>
+int printAtSite(Log* given, MessageClass c, Category cat, int lvl, char const* file, unsigned int line,
+                char const* fmt, va_list args, bool filtered) ZO_PRINTF(7, 0);
+template <class Category>
+int printAtSite(Log* given, MessageClass c, Category cat, int lvl, char const* file, unsigned int line,
+                char const* fmt, va_list args, bool filtered) {
+    Log* hub = given ? given : Log::theLog();
+    if (!filtered) return hub->vprint(c, cat, lvl, file, line, fmt, args);
+    if (!hub->willPrint(c, cat, lvl)) return 0;
+    hub->vprint(c, cat, lvl, file, line, fmt, args);
+    return 1;
+}
+
+}  // namespace
+
+#define ZO_PRINT_AT_SITE(category, lvl, filtered)                                                 \
+    va_list args;                                                                                 \
+    va_start(args, fmt);                                                                          \
+    int result = printAtSite(log, messageClass, category, lvl, file, line, fmt, args, filtered);  \
+    va_end(args);                                                                                 \
+    return result
+
 LineLog::LineLog(MessageClass c, char const* f, unsigned int l, Log* hub)
     : log(hub), line(l), file(f), messageClass(c) {}
 
-int LineLog::print(unsigned int n, int lvl, char const* fmt, ...) {
-    Log* hub = log ? log : Log::theLog();
-    if (!hub->willPrint(messageClass, n, lvl)) return 0;
-    va_list args;
-    va_start(args, fmt);
-    hub->vprint(messageClass, n, lvl, file, line, fmt, args);
-    va_end(args);
-    return 1;
-}
-
-int LineLog::print(char const* catName, int lvl, char const* fmt, ...) {
-    Log* hub = log ? log : Log::theLog();
-    if (!hub->willPrint(messageClass, catName, lvl)) return 0;
-    va_list args;
-    va_start(args, fmt);
-    hub->vprint(messageClass, catName, lvl, file, line, fmt, args);
-    va_end(args);
-    return 1;
-}
+int LineLog::print(unsigned int n, int lvl, char const* fmt, ...) { ZO_PRINT_AT_SITE(n, lvl, true); }
+int LineLog::print(char const* catName, int lvl, char const* fmt, ...) { ZO_PRINT_AT_SITE(catName, lvl, true); }
 
 LineLogLevel::LineLogLevel(MessageClass c, int lvl, char const* f, unsigned int l, Log* hub)
     : log(hub), line(l), file(f), messageClass(c), level(lvl) {}
 
-int LineLogLevel::print(unsigned int n, char const* fmt, ...) {
-    Log* hub = log ? log : Log::theLog();
-    va_list args;
-    va_start(args, fmt);
-    int result = hub->vprint(messageClass, n, level, file, line, fmt, args);
-    va_end(args);
-    return result;
-}
+int LineLogLevel::print(unsigned int n, char const* fmt, ...) { ZO_PRINT_AT_SITE(n, level, false); }
+int LineLogLevel::print(char const* catName, char const* fmt, ...) { ZO_PRINT_AT_SITE(catName, level, false); }
 
-int LineLogLevel::print(char const* catName, char const* fmt, ...) {
-    Log* hub = log ? log : Log::theLog();
-    va_list args;
-    va_start(args, fmt);
-    int result = hub->vprint(messageClass, catName, level, file, line, fmt, args);
-    va_end(args);
-    return result;
-}
+#undef ZO_PRINT_AT_SITE
 
 }  // namespace Utils

@@ -84,7 +84,7 @@ char const* detail::HubAccess::verifyHub(Log const& hub) {
         if (index.count() != hub.categories.count) return "log hub: the index count is not the number of categories";
         for (unsigned int n = 0; n < index.count(); ++n)
             if (index.at(n) != hub.categories[n]) return "log hub: an index entry is not its category";
-        if (char const* e = verifyIndex(index)) return e;
+        if (char const* e = index.verify()) return e;
         // Names are unique.
         for (unsigned int n = 0; n < index.count(); ++n)
             if (findByName(index, index.at(n)->name) != kNoCategory &&

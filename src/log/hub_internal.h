@@ -43,30 +43,31 @@ struct HubAccess {
     static void indexName(LogIndex& index, unsigned int n);
     // Frees the segments and every name table (the hub is being destroyed).
     static void releaseIndex(LogIndex& index);
-    // The index against itself: null when sound.
-    static char const* verifyIndex(LogIndex const& index);
     static std::atomic<int>& hubLock(Log const& hub) { return hub.index.lockWord_; }
 
     // hub.cpp
     static char const* verifyHub(Log const& hub);
 };
 
-// Holds a hub's lock for a scope, counted in the re-entry guards' lock depth.
-class HubHold {
+// A hub's lock: the futex word in its index.
+class HubLock {
 public:
-    explicit HubHold(Log const& hub) : word_(HubAccess::hubLock(hub)) {
-        platform::lockWord(word_);
-        ++heldLockDepth();
-    }
-    ~HubHold() {
-        --heldLockDepth();
-        platform::unlockWord(word_);
-    }
-    HubHold(HubHold const&) = delete;
-    HubHold& operator=(HubHold const&) = delete;
+    explicit HubLock(Log const& hub) : word_(HubAccess::hubLock(hub)) {}
+    void lock() { platform::lockWord(word_); }
+    void unlock() { platform::unlockWord(word_); }
 
 private:
     std::atomic<int>& word_;
+};
+
+// Holds a hub's lock for a scope, counted in the re-entry guards' lock depth.
+class HubHold {
+public:
+    explicit HubHold(Log const& hub) : lock_(hub), hold_(lock_) {}
+
+private:
+    HubLock lock_;
+    HeldLock<HubLock> hold_;
 };
 
 // Holds sinkLock for a scope, counted in the lock depth.

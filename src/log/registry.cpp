@@ -2,7 +2,7 @@
 // lock-free index (detail::LogIndex: segments, count, name table) and every
 // category accessor and setter.
 //
-// Invariants (checked by HubAccess::verifyIndex and detail::verifyHub)
+// Invariants (checked by LogIndex::verify and detail::verifyHub)
 //  - Categories are never removed. Category n is categories[n] (the owning list,
 //    written under the hub lock) and also entry n of the index's segments: segment
 //    s holds 16 << s entries (LogIndex::place) and is never moved, so readers index
@@ -138,7 +138,8 @@ void HubAccess::releaseIndex(LogIndex& index) {
 // category below the count with the slot's hash, no number twice, and every
 // category is in the current table unless it stopped growing (then the later
 // ones are missing, never an earlier one).
-char const* HubAccess::verifyIndex(LogIndex const& index) {
+char const* LogIndex::verify() const {
+    LogIndex const& index = *this;
     unsigned int count = index.count();
     // The segment of number `count` may exist already: it is made before the
     // category, which may then find no memory.
@@ -169,7 +170,7 @@ char const* HubAccess::verifyIndex(LogIndex const& index) {
     // Every number below the highest is found under its own name, and no slot is
     // spare: each of them is in the table exactly once.
     for (unsigned int n = 0; n < highest; ++n)
-        if (findByName(index, index.at(n)->name) != n) return "log name table: a category is missing or misfiled";
+        if (HubAccess::findByName(index, index.at(n)->name) != n) return "log name table: a category is missing or misfiled";
     if (filled != highest) return "log name table: a category is entered twice";
     return nullptr;
 }
