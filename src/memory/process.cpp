@@ -22,13 +22,13 @@
 //
 // Locks. One platform::ProcessLock per arena, statically zero-initialised, so it
 // works before any constructor has run; re-entrant from the owning thread, and
-// reset in the child after fork (every lock is taken around fork). Arena locks are the
-// innermost locks of the library: nothing called with one held takes another
+// reset in the child after fork (every lock is taken around fork). Arena locks are
+// the innermost locks of the library: nothing called with one held takes another
 // library lock, and HostAllocator defers raising 0x80000002 until the thread has
-// left the allocator, so that listeners and the log run unlocked and may allocate.
-// The re-entry guards (tInside, the pending raise, the guard against raising while
-// raising) live in library/reentry.h, which draws the whole cycle. No thread holds two arena locks except a query or fork, which take them
-// in index order.
+// left the allocator, so that listeners and the log run unlocked and may allocate
+// (the guards that do this, tInside and the pending raise, are drawn with the
+// whole raise/log/allocate cycle in library/reentry.h). No thread holds two arena
+// locks except a query or fork, which take them in index order.
 //
 // No lock while alone. While the process has a single thread and no shard exists,
 // arena 0 is used without its lock, as glibc's malloc does (SINGLE_THREAD_P). This
