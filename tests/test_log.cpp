@@ -1157,17 +1157,21 @@ TEST(LogThreads, SinkSwapsWhileLoggingNeverLoseASink) {
 
 TEST(LogThreads, ConcurrentCreationAndSettersKeepTheTablesConsistent) {
     Log log;
+    // Holders of a sink must not be made or dropped while setLogger runs elsewhere
+    // (counts are plain): the threads use the sink this one holder keeps alive.
+    CountedRef<Logger> shared = Log::theDefaultLogger();
+    Logger* sink = shared.get();
     unsigned int const threads = 4;
     unsigned int const perThread = static_cast<unsigned int>(zotest::scaled(600));
     std::vector<std::thread> pool;
     for (unsigned int t = 0; t < threads; ++t) {
-        pool.emplace_back([&log, t, perThread] {
+        pool.emplace_back([&log, sink, t, perThread] {
             for (unsigned int i = 0; i < perThread; ++i) {
                 // Half the names are shared between threads, half are the thread's own.
                 std::string name = (i % 2 ? "mine" + std::to_string(t) + "." : "all.") + std::to_string(i / 2);
                 log.getCategory(name.c_str());
                 if (i % 50 == 0) log.setLevel(static_cast<int>(i));
-                if (i % 70 == 0) log.setLogger(static_cast<MessageClass>(i % 4), Log::theDefaultLogger().get());
+                if (i % 70 == 0) log.setLogger(static_cast<MessageClass>(i % 4), sink);
             }
         });
     }
