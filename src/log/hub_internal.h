@@ -73,12 +73,22 @@ private:
 // Holds sinkLock for a scope, counted in the lock depth.
 using SinkHold = HeldLock<platform::TableLock>;
 
+// Lines in flight in every hub, and whether a replaced sink waits for them to end
+// (the graveyard of sink_slots.cpp, which explains why this is safe).
+extern std::atomic<unsigned long> activePrints;
+extern std::atomic<bool> graveyardUsed;
+// Deletes the buried sinks when no line is in flight any more.
+void collectGraveyard();
+
 // Marks one line in flight from before its sink is read until its print returns;
-// the last line to end deletes the sinks buried meanwhile (sink_slots.cpp).
+// the last line to end deletes the sinks buried meanwhile. Inline: every printed
+// line passes here twice.
 class LineInFlight {
 public:
-    LineInFlight();
-    ~LineInFlight();
+    LineInFlight() { activePrints.fetch_add(1); }
+    ~LineInFlight() {
+        if (activePrints.fetch_sub(1) == 1 && graveyardUsed.load()) collectGraveyard();
+    }
     LineInFlight(LineInFlight const&) = delete;
     LineInFlight& operator=(LineInFlight const&) = delete;
 };

@@ -10,7 +10,7 @@
 //  - The mirror: index.sink(c) == classes[c].logger for each of the four classes,
 //    both written under sinkLock; filter and dispatch read only the mirror. A hub
 //    without a class table has four null mirrors.
-//  - A line in flight is counted in gActivePrints; a sink that setLogger releases
+//  - A line in flight is counted in activePrints; a sink that setLogger releases
 //    is deleted only when no line is in flight (the graveyard below), so a
 //    concurrent setLogger never deletes a sink under a running print, and the
 //    print path changes no reference count.
@@ -27,10 +27,14 @@ using detail::SinkHold;
 
 namespace detail {
 ZO_CONSTINIT platform::TableLock sinkLock;
+std::atomic<unsigned long> activePrints{0};
+std::atomic<bool> graveyardUsed{false};
 }  // namespace detail
 
 namespace {
 
+using detail::activePrints;
+using detail::graveyardUsed;
 using detail::sinkLock;
 
 // Under sinkLock: the default sink, made on first use.
@@ -55,15 +59,12 @@ Logger* replaceLocked(CountedRef<Logger>& slot, Logger* l) {
 // with one thread), else by the printer that ends the last line in flight. The
 // print path thus never touches a sink's (plain) reference count.
 //
-// Why this is safe: a printer raises gActivePrints before it reads a sink pointer,
+// Why this is safe: a printer raises activePrints before it reads a sink pointer,
 // and a sink is buried only after every slot has stopped pointing at it; the
-// collector reads gActivePrints after the burial, under sinkLock. All four
+// collector reads activePrints after the burial, under sinkLock. All four
 // operations are sequentially consistent, so a printer that read the old pointer is
 // seen as active, and a printer that ends sees a burial whose collector saw it
 // active.
-std::atomic<unsigned long> gActivePrints{0};
-std::atomic<bool> gGraveyardUsed{false};
-
 template <class T>
 union Undestroyed {
     constexpr Undestroyed() : value() {}
@@ -76,16 +77,16 @@ Undestroyed<Vector<Logger*>> gGraveyard;  // under sinkLock; outlives every stat
 void buryLocked(Logger* l) {
     if (!l) return;
     gGraveyard.value.add(l);
-    gGraveyardUsed.store(true);
+    graveyardUsed.store(true);
 }
 
 // Under sinkLock: moves the buried sinks to `out` when no line is in flight.
 void collectLocked(Vector<Logger*>& out) {
     Vector<Logger*>& buried = gGraveyard.value;
-    if (buried.count == 0 || gActivePrints.load() != 0) return;
+    if (buried.count == 0 || activePrints.load() != 0) return;
     out.add(buried.data, buried.count);
     buried.clear();
-    gGraveyardUsed.store(false);
+    graveyardUsed.store(false);
 }
 
 void deleteAll(Vector<Logger*>& doomed) {
@@ -95,10 +96,7 @@ void deleteAll(Vector<Logger*>& doomed) {
 
 }  // namespace
 
-detail::LineInFlight::LineInFlight() { gActivePrints.fetch_add(1); }
-
-detail::LineInFlight::~LineInFlight() {
-    if (gActivePrints.fetch_sub(1) != 1 || !gGraveyardUsed.load()) return;
+void detail::collectGraveyard() {
     Vector<Logger*> doomed;
     {
         SinkHold g(sinkLock);
