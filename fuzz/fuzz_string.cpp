@@ -276,11 +276,14 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
             case 23: {
                 unsigned long n = in.ConsumeIntegralInRange<unsigned long>(0, 300);
                 unsigned long capacity = s.representation() ? s.representation()->capacity : 0;
+                // A shared buffer is copied first, into room for its whole text, so
+                // nothing is cut then.
+                bool shared = s.representation() && s.representation()->refs >= 2;
                 s.resizeFor(n);
                 // A buffer that has to grow keeps only the first n characters.
                 if (n == 0)
                     m.clear();
-                else if (Utils::StringRep::sizeFor(n) > capacity && m.size() > n)
+                else if (!shared && Utils::StringRep::sizeFor(n) > capacity && m.size() > n)
                     m.resize(n);
                 null = false;
                 break;
