@@ -110,6 +110,13 @@
 #else
 #define ZOSYS_API
 #endif
+/* A test seam of the layer: exported only by the internal build the layer's own
+ * tests link (ZOUTILS_EXPORT_TEST_API); the installed layer keeps it hidden. */
+#if defined(__GNUC__) && !defined(ZOUTILS_EXPORT_TEST_API)
+#define ZOSYS_TEST_API __attribute__((visibility("hidden")))
+#else
+#define ZOSYS_TEST_API ZOSYS_API
+#endif
 
 #ifdef __cplusplus
 extern "C" {
