@@ -75,7 +75,7 @@
  *      2. the file named by ZOSYS_CONFIG;
  *      3. the user file $XDG_CONFIG_HOME/zoutils/zoutils.conf
  *         (default ~/.config/zoutils/zoutils.conf);
- *      4. the system files <dir>/zoutils/zoutils.conf for each dir of
+ *      4. the system files DIR/zoutils/zoutils.conf for each DIR of
  *         $XDG_CONFIG_DIRS (default /etc/xdg), the first listed dir first.
  *    Within one file a later line beats an earlier one. All variables are read
  *    with secure_getenv (a set-user-id process sees only the system files).
