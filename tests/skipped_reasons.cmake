@@ -3,8 +3,12 @@
 # names skipped tests but not why.
 #
 # Inputs (-D): LOG (Testing/Temporary/LastTest.log of the build directory).
+# While ctest runs, and so when this script runs, the log of the current run is
+# still LOG.tmp; ctest renames it to LOG when it finishes.
 cmake_minimum_required(VERSION 3.25)
-if(NOT EXISTS "${LOG}")
+if(EXISTS "${LOG}.tmp")
+  set(LOG "${LOG}.tmp")
+elseif(NOT EXISTS "${LOG}")
   return()
 endif()
 file(READ "${LOG}" text)
