@@ -44,8 +44,9 @@ if [ "$depends" != "libzoutils1 (= $version)" ]; then
   echo "zoutils: libzoutils-dev depends on \"$depends\", not on libzoutils1 (= $version)" >&2
   exit 1
 fi
+control=$(dpkg-deb --ctrl-tarfile "$runtime" | tar -t)
 for member in shlibs triggers; do
-  if ! dpkg-deb --ctrl-tarfile "$runtime" | tar -t | grep -qx "./$member"; then
+  if ! grep -qx "./$member" <<<"$control"; then
     echo "zoutils: libzoutils1 has no $member control file" >&2
     exit 1
   fi
