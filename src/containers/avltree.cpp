@@ -225,6 +225,10 @@ AVLTreeNodeBase* remove(AVLTreeIterBase& c) {
     if (!c.current) return nullptr;
     Links k(c.nodeOps);
     AVLTreeNodeBase* a = c.current;
+    // The tree's node count, when its record places one (root holds offset 0, so 0
+    // means none).
+    if (unsigned int countAt = c.treeOps->offsets[1])
+        --*reinterpret_cast<unsigned long*>(static_cast<char*>(c.tree) + countAt);
 
     if (k.left(a) && k.right(a)) {
         // Exchange places with the in-order predecessor p (the rightmost node of the
