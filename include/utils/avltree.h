@@ -156,13 +156,14 @@ struct AVLKeyOrder<String> {
     static int compare(std::string_view v, String const& b) {
         StringRep const* y = b.representation();
         if (!y) return v.empty() ? 0 : 1;
-        unsigned char const* t = reinterpret_cast<unsigned char const*>(y->data);
+        // strncmp walks the first n characters as strcmp would walk String(v)'s text;
+        // when they agree, either both texts ended at a NUL inside v (equal), or the
+        // key's text ends at n and equals the node's exactly when that ends there too.
         std::size_t n = v.size();
-        for (std::size_t i = 0;; ++i) {
-            unsigned int c = i < n ? static_cast<unsigned char>(v[i]) : 0u;
-            if (c != t[i]) return c < t[i] ? -1 : 1;
-            if (c == 0) return 0;
-        }
+        int c = n ? std::strncmp(v.data(), y->data, n) : 0;
+        if (c != 0) return c;
+        if (n && std::memchr(v.data(), 0, n)) return 0;
+        return y->data[n] == 0 ? 0 : -1;
     }
 };
 
