@@ -497,7 +497,7 @@ TEST(String, ConstIndexingOutOfRangeGivesNul) {
     EXPECT_EQ(n[0], '\0');
 }
 
-TEST(String, NthIndex) {
+TEST(String, NthIndexCountsFromOneAndZeroGivesZero) {
     String h("hello");
     EXPECT_EQ(h.nthIndex(2, 'l'), 3UL);
     EXPECT_EQ(h.nthIndex(1, 'l'), 2UL);
@@ -508,7 +508,7 @@ TEST(String, NthIndex) {
     EXPECT_EQ(String().nthIndex(1, 'a'), kNpos);
 }
 
-TEST(String, TokSpan) {
+TEST(String, TokSpanSkipsDelimitersAndWritesStartWhenOnlyDelimitersRemain) {
     String s(" a,,b ");
     unsigned long start = 99, end = 99;
     ASSERT_TRUE(s.tokSpan(" ,", 0, start, end));
@@ -536,7 +536,7 @@ TEST(String, PrefixConstructor) {
     EXPECT_EQ(str(String(s, kFar)), "abcdef");
 }
 
-TEST(String, OtherConstructors) {
+TEST(String, CharacterCountedAndNullConstructorsGiveNonNullStrings) {
     EXPECT_EQ(str(String('x')), "x");
     EXPECT_EQ(String('\0').length(), 1UL);
     EXPECT_EQ(str(String('-', 4)), "----");
@@ -582,7 +582,7 @@ TEST(String, MoveTakesTheRepresentation) {
     EXPECT_EQ(r->refs, 1u);
 }
 
-TEST(String, PrefixTests) {
+TEST(String, StartsWithTreatsNullPrefixesAndNullStringsDeliberately) {
     EXPECT_FALSE(String().startsWith(String("")));
     EXPECT_TRUE(String("x").startsWith(String()));
     EXPECT_TRUE(String().startsWith(String()));
@@ -594,7 +594,7 @@ TEST(String, PrefixTests) {
     EXPECT_FALSE(String("ab").startsWith("abc"));
 }
 
-TEST(String, Donate) {
+TEST(String, DonateSplitsASharedTextAndConsumeTakesTheBlockBack) {
     EXPECT_EQ(String().donate(), nullptr);
     String e("");
     EXPECT_EQ(e.donate(), StringRep::emptyText());
@@ -784,7 +784,7 @@ TEST(String, ZeroLengthEditsStillGrowAnAdoptedBufferToTheCapacityRule) {
     EXPECT_NE(r.data, block);
 }
 
-TEST(String, Concatenation) {
+TEST(String, ConcatenationCopiesTheLeftOperandAndAppendsTheRight) {
     EXPECT_EQ(str(String("ab") + String("cd")), "abcd");
     EXPECT_EQ(str(String("ab") + "cd"), "abcd");
     EXPECT_EQ(str("ab" + String("cd")), "abcd");
@@ -792,7 +792,7 @@ TEST(String, Concatenation) {
     EXPECT_FALSE((String() + "").isNull());
 }
 
-TEST(String, EditingOperations) {
+TEST(String, EditsReplaceInsertRemoveCaseRotateAndPad) {
     String s("abc");
     s.replace("XY", 2, 0, 2);
     EXPECT_EQ(str(s), "abXY");
@@ -841,7 +841,7 @@ TEST(String, TransformingMutatorsLeaveNullStringNull) {
     EXPECT_EQ(str(q), "ab");
 }
 
-TEST(String, Searches) {
+TEST(String, SearchesFindFirstAndLastAndNullStringsFindNothing) {
     String s("one two three two");
     EXPECT_EQ(s.index('t'), 4UL);
     EXPECT_EQ(s.index('t', 5), 8UL);
@@ -877,7 +877,7 @@ TEST(String, EmbeddedNulsFollowTheCLibrary) {
     EXPECT_EQ(str(s.reverse()), std::string("bx\0a", 4));
 }
 
-TEST(String, Reverse) {
+TEST(String, ReverseOfNullOrEmptyIsNull) {
     EXPECT_EQ(str(String("abc").reverse()), "cba");
     EXPECT_TRUE(String().reverse().isNull());
     EXPECT_TRUE(String("").reverse().isNull());

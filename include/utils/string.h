@@ -61,7 +61,10 @@ class StringChar;
 //  - capacity == 0: the representation owns nothing and data points at the shared,
 //    read-only empty text (`emptyText()`), which is never written or freed; length is 0.
 //  - capacity != 0: data is a block of the process allocator, capacity is its usable
-//    size as the allocator reports it, capacity > length, data[length] == NUL.
+//    size as the allocator reports it (at most 2^32 - 1), capacity > length,
+//    data[length] == NUL. A buffer only grows, to the capacity rule of sizeFor(), and
+//    keeps the memory colour of the block it replaces.
+//  - length <= String::maxLength.
 //  - refs counts the Strings that point here; a fresh representation has refs 0.
 // The fields are public so that String and its views can work on them directly and
 // tests can inspect them; change them only through the operations.
@@ -173,6 +176,8 @@ public:
 private:
     friend class String;
     ZO_STRING_PRIVATE bool grow(unsigned long n);
+    ZO_STRING_PRIVATE char* takeBlock(unsigned long n, unsigned int* usable) const;
+    ZO_STRING_PRIVATE void adopt(char* fresh, unsigned int usable);
     ZO_STRING_PRIVATE bool roomFor(unsigned long n);
     ZO_STRING_PRIVATE void appendRaw(char const* s, unsigned long n);
     ZO_STRING_PRIVATE void replaceRaw(char const* s, unsigned long n, unsigned long pos);

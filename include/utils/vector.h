@@ -172,6 +172,21 @@ struct VectorLayout {
     void* data;
 };
 
+// The one builder of every vector table (the generic one below and the library's
+// scalar tables): the five element functions and the two offsets of VectorLayout.
+constexpr TemplOps vectorTable(unsigned int elemSize, void* (*allocArray)(unsigned long),
+                               void (*freeArray)(void*), void (*assign)(void*, void const*),
+                               int (*equals)(void const*, void const*), void (*reset)(void*)) {
+    return TemplOps{elemSize,
+                    allocArray,
+                    freeArray,
+                    assign,
+                    equals,
+                    reset,
+                    {static_cast<unsigned int>(offsetof(VectorLayout, capacity)),
+                     static_cast<unsigned int>(offsetof(VectorLayout, data)), 0, 0}};
+}
+
 // The table of T: built here for any copyable, default-constructible,
 // equality-comparable T. A library element type with an exported table specialises
 // this template (see below) before any Vector of it is used.
@@ -183,14 +198,8 @@ struct VectorOps {
     static int equals(void const* a, void const* b) { return *static_cast<T const*>(a) == *static_cast<T const*>(b) ? 1 : 0; }
     static void reset(void* element) { *static_cast<T*>(element) = T(); }
 
-    static constexpr TemplOps table = {static_cast<unsigned int>(sizeof(T)),
-                                       &allocArray,
-                                       &freeArray,
-                                       &assign,
-                                       &equals,
-                                       &reset,
-                                       {static_cast<unsigned int>(offsetof(VectorLayout, capacity)),
-                                        static_cast<unsigned int>(offsetof(VectorLayout, data)), 0, 0}};
+    static constexpr TemplOps table =
+        vectorTable(static_cast<unsigned int>(sizeof(T)), &allocArray, &freeArray, &assign, &equals, &reset);
     static TemplOps const& get() { return table; }
 };
 

@@ -281,6 +281,44 @@ AVLTreeNodeBase* remove(AVLTreeIterBase& c) {
 
     // Loop invariant: the child subtree of current on the side opposite to delta
     // (sibling points at current's other child) became one level shorter.
+    //
+    // The four cases, drawn for delta = +1 (the left subtree x of a got shorter, so a
+    // leans right; s is a's right child). delta = -1 is the mirror image.
+    /*
+      b == 0: a only leans now; its height is unchanged: stop.
+          a(0)              a(+1)
+         /    \     =>     /    \
+        x      s          x'     s
+
+      b == -delta (-1): a becomes balanced and one level shorter: climb.
+          a(-1)             a(0)
+         /    \     =>     /    \
+        x      s          x'     s
+
+      b == delta, s.balance == 0: one left rotation; the height is unchanged: stop.
+          a(+1)                  s(-1)
+         /    \                 /    \
+        x'     s(0)    =>     a(+1)   sr
+              /  \           /  \
+             sl   sr         x'   sl
+
+      b == delta, s.balance == delta: one left rotation; one level shorter: climb.
+          a(+1)                  s(0)
+         /    \                 /    \
+        x'     s(+1)   =>     a(0)    sr
+              /  \           /  \
+             sl   sr         x'   sl
+
+      b == delta, s.balance == -delta: right rotation of s, then left rotation of a
+      (g = s.left becomes the root); one level shorter: climb.
+          a(+1)                     g(0)
+         /    \                  /     \
+        x'     s(-1)     =>     a       s
+              /  \             / \     / \
+             g    sr          x' gl   gr  sr
+            / \
+           gl  gr
+    */
     while (c.current) {
         int b = c.current->balance;
         if (b == 0) {

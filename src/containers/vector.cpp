@@ -55,14 +55,7 @@ struct ScalarOps {
     static int equals(void const* a, void const* b) { return *static_cast<T const*>(a) == *static_cast<T const*>(b); }
     static void reset(void* element) { *static_cast<T*>(element) = T(); }
     static constexpr TemplOps table() {
-        return TemplOps{static_cast<unsigned int>(sizeof(T)),
-                        &allocArray,
-                        &freeArray,
-                        &assign,
-                        &equals,
-                        &reset,
-                        {static_cast<unsigned int>(offsetof(VectorLayout, capacity)),
-                         static_cast<unsigned int>(offsetof(VectorLayout, data)), 0, 0}};
+        return vectorTable(static_cast<unsigned int>(sizeof(T)), &allocArray, &freeArray, &assign, &equals, &reset);
     }
 };
 

@@ -26,7 +26,7 @@ String String::null_;
 
 namespace {
 
-inline char const* orEmpty(char const* s) { return s ? s : StringRep::emptyText(); }
+using StringInternal::orEmpty;
 
 StringRep* newRep() {
     StringRep* r = new (std::nothrow) StringRep();

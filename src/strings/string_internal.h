@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "utils/allocator.h"
+#include "utils/string.h"
 
 namespace Utils {
 namespace StringInternal {
@@ -11,6 +12,10 @@ namespace StringInternal {
 // The allocator of every string buffer: the process allocator unless a test routed
 // buffers elsewhere (string_testing.h).
 Allocator* bufferAllocator();
+
+// The text a null char const* stands for wherever a text is expected: "" (the shared
+// empty text).
+inline char const* orEmpty(char const* s) { return s ? s : StringRep::emptyText(); }
 
 // The capacity rule (StringRep::sizeFor): the smallest power of two above n, at
 // least 16; 0 when none fits. Inline here because the append fast paths test it on
