@@ -407,8 +407,7 @@ String String::substitute(char const* from, char const* to) const {
     unsigned long f = std::strlen(from);
     unsigned long t = std::strlen(to);
     unsigned long n = std::strlen(src);
-    unsigned long matches = 0;
-    for (char const* p = std::strstr(src, from); p; p = std::strstr(p + f, from)) ++matches;
+    unsigned long matches = StringInternal::countMatches(src, from, f);
     if (matches == 0) return String(src);
     if (t > f && matches > (maxLength - n) / (t - f)) return String(src);  // too long: unchanged
     unsigned long total = t >= f ? n + matches * (t - f) : n - matches * (f - t);
@@ -416,17 +415,7 @@ String String::substitute(char const* from, char const* to) const {
     r.rep = newRep();
     if (!r.rep || total == 0) return r;
     if (!r.rep->resizeFor(total)) return String(src);
-    char* w = r.rep->data;
-    char const* p = src;
-    for (unsigned long k = 0; k < matches; ++k) {
-        char const* m = std::strstr(p, from);
-        std::memcpy(w, p, static_cast<unsigned long>(m - p));
-        w += m - p;
-        std::memcpy(w, to, t);
-        w += t;
-        p = m + f;
-    }
-    std::memcpy(w, p, static_cast<unsigned long>(src + n - p));
+    StringInternal::writeSubstituted(r.rep->data, src, n, matches, from, f, to, t);
     r.rep->data[total] = 0;
     r.rep->length = static_cast<unsigned int>(total);
     return r;

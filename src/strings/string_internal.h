@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 
 #include "utils/allocator.h"
 #include "utils/string.h"
@@ -25,6 +26,39 @@ inline unsigned long capacityRule(unsigned long n) {
     if (n <= 15) return 16;
     if (n >= (1UL << 63)) return 0;
     return 1UL << (64 - __builtin_clzl(n));
+}
+
+// The substitution engine of String::substitute and StringRep::substitute: every
+// match of `from` (f > 0 characters) replaced by `to` (t characters), left to right,
+// the search resuming just past each match, so text just written is never searched.
+// Matches are found with strstr, so the search ends at the text's first NUL.
+//
+// The number of matches in the NUL-terminated text.
+inline unsigned long countMatches(char const* text, char const* from, unsigned long f) {
+    unsigned long matches = 0;
+    for (char const* p = std::strstr(text, from); p; p = std::strstr(p + f, from)) {
+        ++matches;
+        if (p[f] == 0) break;  // the match ends the text
+    }
+    return matches;
+}
+// Writes the n characters at src, with its first `matches` matches replaced, to dst
+// (no NUL is added). dst may lie at or below src in the same buffer as long as the
+// growth still owed, (t - f) per match ahead, never lets the writer overtake the
+// reader: every move is a memmove; `to` must not lie in that buffer.
+inline void writeSubstituted(char* dst, char const* src, unsigned long n, unsigned long matches, char const* from,
+                             unsigned long f, char const* to, unsigned long t) {
+    char const* end = src + n;
+    for (unsigned long k = 0; k < matches; ++k) {
+        char const* m = std::strstr(src, from);
+        unsigned long gap = static_cast<unsigned long>(m - src);
+        std::memmove(dst, src, gap);
+        dst += gap;
+        std::memcpy(dst, to, t);
+        dst += t;
+        src = m + f;
+    }
+    std::memmove(dst, src, static_cast<unsigned long>(end - src));
 }
 
 // Membership in a NUL-terminated set of characters, answered as strchr(set, c) != 0

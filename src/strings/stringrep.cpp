@@ -395,11 +395,7 @@ void StringRep::substitute(char const* from, char const* to) {
     unsigned long f = std::strlen(from);
     unsigned long t = std::strlen(to);
 
-    unsigned long matches = 0;
-    for (char const* p = std::strstr(data, from); p; p = std::strstr(p + f, from)) {
-        ++matches;
-        if (static_cast<unsigned long>(p - data) + f >= length) break;
-    }
+    unsigned long matches = StringInternal::countMatches(data, from, f);
     if (matches == 0) return;
 
     unsigned long shift = 0;  // how far the original text moves right before rewriting
@@ -414,21 +410,11 @@ void StringRep::substitute(char const* from, char const* to) {
     } else {
         newLength = length - matches * (f - t);
     }
-    // Rewrite: r reads the original text, w writes the result. r - w is the growth
-    // still owed to the matches ahead, so the writer never overtakes unread text.
-    char* w = data;
-    char const* r = data + shift;
-    char const* end = data + shift + length;
-    for (unsigned long k = 0; k < matches; ++k) {
-        char const* m = std::strstr(r, from);
-        unsigned long gap = static_cast<unsigned long>(m - r);
-        std::memmove(w, r, gap);
-        w += gap;
-        std::memcpy(w, to, t);
-        w += t;
-        r = m + f;
-    }
-    std::memmove(w, r, static_cast<unsigned long>(end - r) + 1);
+    // Rewrite from the shifted copy down to the start: the reader is ahead of the
+    // writer by the growth still owed to the matches ahead, so it is never overtaken.
+    // The characters after an embedded NUL come along unchanged.
+    StringInternal::writeSubstituted(data, data + shift, length, matches, from, f, to, t);
+    data[newLength] = 0;
     length = static_cast<unsigned int>(newLength);
 }
 
