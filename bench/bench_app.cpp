@@ -399,7 +399,8 @@ PHASE std::string report(Map const& map) {
     return out;
 }
 
-PHASE RunResult run(Input const& in, unsigned int threads, char const* logPath) {
+// Unused in the library's program, which runs zo::run.
+[[maybe_unused]] PHASE RunResult run(Input const& in, unsigned int threads, char const* logPath) {
     gLog = std::fopen(logPath, "w");
     if (!gLog) {
         std::perror(logPath);
