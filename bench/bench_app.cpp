@@ -124,6 +124,38 @@ struct RunResult {
     unsigned long errorLines = 0;
 };
 
+// The report's bytes, for its checksum.
+[[maybe_unused]] inline std::string_view textBytes(std::string const& s) { return s; }
+#ifdef ZOUTILS_LINKED
+inline std::string_view textBytes(Utils::String const& s) { return std::string_view(s.text(), s.length()); }
+#endif
+
+// The part both programs share: the lines ingested by one thread, or by two threads
+// into maps of their own merged at the end; then the report of the first map, its
+// checksum, and the counts. Each program passes its own phases.
+template <class Worker, class Ingest, class Merge, class Report, class Size>
+RunResult drive(Input const& in, unsigned int threads, Ingest ingest, Merge merge, Report report, Size size) {
+    unsigned long lines = in.starts.size() - 1;
+    Worker workers[2];
+    if (threads == 1) {
+        ingest(workers[0], in, 0, lines);
+    } else {
+        std::thread second([&] { ingest(workers[1], in, lines / 2, lines); });
+        ingest(workers[0], in, 0, lines / 2);
+        second.join();
+        merge(workers[0].map, workers[1].map);
+    }
+    auto text = report(workers[0].map);
+    std::string_view bytes = textBytes(text);
+    RunResult r;
+    r.checksum = fnv1a(bytes.data(), bytes.size());
+    r.reportBytes = bytes.size();
+    r.paths = size(workers[0].map);
+    r.infoLines = workers[0].info + workers[1].info;
+    r.errorLines = workers[0].errors + workers[1].errors;
+    return r;
+}
+
 #ifdef ZOUTILS_LINKED
 // ---------------------------------------------------------------------------
 // The library's program
@@ -259,23 +291,7 @@ PHASE RunResult run(Input const& in, unsigned int threads, char const* logPath) 
     Utils::Log* log = Utils::Log::theLog();
     log->setLogger(new Utils::FileLogger(logPath, Utils::FileLogger::Replace));
     gCategory = log->getCategory("app", 0, false);
-    unsigned long lines = in.starts.size() - 1;
-    Worker workers[2];
-    if (threads == 1) {
-        ingest(workers[0], in, 0, lines);
-    } else {
-        std::thread second([&] { ingest(workers[1], in, lines / 2, lines); });
-        ingest(workers[0], in, 0, lines / 2);
-        second.join();
-        merge(workers[0].map, workers[1].map);
-    }
-    String text = report(workers[0].map);
-    RunResult r;
-    r.checksum = fnv1a(text.text(), text.length());
-    r.reportBytes = text.length();
-    r.paths = sizeOf(workers[0].map);
-    r.infoLines = workers[0].info + workers[1].info;
-    r.errorLines = workers[0].errors + workers[1].errors;
+    RunResult r = drive<Worker>(in, threads, ingest, merge, report, sizeOf);
     log->setLogger(Utils::Log::theDefaultLogger().get());
     return r;
 }
@@ -406,23 +422,7 @@ PHASE std::string report(Map const& map) {
         std::perror(logPath);
         std::exit(2);
     }
-    unsigned long lines = in.starts.size() - 1;
-    Worker workers[2];
-    if (threads == 1) {
-        ingest(workers[0], in, 0, lines);
-    } else {
-        std::thread second([&] { ingest(workers[1], in, lines / 2, lines); });
-        ingest(workers[0], in, 0, lines / 2);
-        second.join();
-        merge(workers[0].map, workers[1].map);
-    }
-    std::string text = report(workers[0].map);
-    RunResult r;
-    r.checksum = fnv1a(text.data(), text.size());
-    r.reportBytes = text.size();
-    r.paths = workers[0].map.size();
-    r.infoLines = workers[0].info + workers[1].info;
-    r.errorLines = workers[0].errors + workers[1].errors;
+    RunResult r = drive<Worker>(in, threads, ingest, merge, report, [](Map const& m) { return m.size(); });
     std::fclose(gLog);
     return r;
 }
