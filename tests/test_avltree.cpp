@@ -669,6 +669,27 @@ TEST(AVLTreeConveniences, SizeCountsEveryWayInAndOut) {
     t.nodeCount = 3;
     EXPECT_STREQ(t.verify(), "size does not match the number of nodes");
     t.nodeCount = 7;
+    t.clear();
+    EXPECT_EQ(t.size(), 0u);
+    EXPECT_TRUE(t.empty());
+    EXPECT_EQ(t.verify(), nullptr);
+    t.insert(1, 1);  // usable afterwards
+    EXPECT_EQ(t.size(), 1u);
+}
+
+TEST(AVLTreeConveniences, SizeCountsNodesACallerStoresAtTheLinkItself) {
+    // The cursor protocol lets a caller make its own node, store it at link and
+    // rebalance; the count follows the rebalancing, not the node's maker.
+    Tree t;
+    for (unsigned int k = 1; k <= 5; ++k) {
+        Iter it(t);
+        it.top();
+        ASSERT_FALSE(it.find(k * 10));
+        *it.link = new Node(k * 10, k, it.current);
+        it.rebalanceAfterInsert();
+    }
+    EXPECT_EQ(t.size(), 5u);
+    EXPECT_EQ(t.verify(), nullptr);
 }
 
 TEST(AVLTreeConveniences, IteratorsWalkInKeyOrderBothWays) {

@@ -90,8 +90,9 @@ public:
     void rotateLeft();
     void rotateRight();
     // The insertion rebalancing loop, run after a new node was stored at link with
-    // current = its parent: adjustBalance() level by level up the tree until a level
-    // did not grow. O(log n), no recursion.
+    // current = its parent: raises the tree's node count (the word at the tree record's
+    // offsets[1], when that is not 0), then adjustBalance() level by level up the tree
+    // until a level did not grow. O(log n), no recursion.
     void rebalanceAfterInsert();
 
     // Unlinks current from the tree, lowers the tree's node count (the word at the
@@ -212,10 +213,7 @@ public:
     // current, no children) at link. Returns true in both cases. Does not rebalance:
     // AVLTree::insert and intern run rebalanceAfterInsert() after it.
     bool insert(K const& key, V const& value) {
-        if (link) {
-            *link = new Node(key, value, current);
-            ++static_cast<AVLTree<K, V>*>(tree)->nodeCount;
-        }
+        if (link) *link = new Node(key, value, current);
         return true;
     }
     // AVLTreeIterBase::remove(), then destroys and frees the node that came back.
@@ -396,8 +394,14 @@ public:
         return it;
     }
     bool empty() const { return root == nullptr; }
-    // The number of keys. O(1): counted by every insertion and removal, through the
-    // tree or through a cursor.
+    // Destroys every node; the tree is empty (size 0) and usable afterwards.
+    void clear() {
+        delete static_cast<Node*>(root);
+        root = nullptr;
+        nodeCount = 0;
+    }
+    // The number of keys. O(1): counted by every insertion (rebalanceAfterInsert, which
+    // every insertion runs) and every removal, through the tree or through a cursor.
     unsigned long size() const { return nodeCount; }
 
     // For String keys: the node of the key given as a character range or a
@@ -467,9 +471,11 @@ public:
                                            static_cast<unsigned int>(offsetof(AVLTreeNodeBase, left)),
                                            static_cast<unsigned int>(offsetof(AVLTreeNodeBase, right)), 0}};
 
+    // Public for the cursor's records and for inspection: change them only through
+    // the operations above (a root replaced by hand leaves size() and verify() at odds).
     AVLTreeNodeBase* root;
-    // The number of nodes: raised by AVLTreeIter::insert, lowered by
-    // AVLTreeIterBase::remove through the tree record's offsets[1].
+    // The number of nodes: raised by AVLTreeIterBase::rebalanceAfterInsert, lowered by
+    // AVLTreeIterBase::remove, both through the tree record's offsets[1].
     unsigned long nodeCount;
 
 private:

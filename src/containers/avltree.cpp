@@ -213,8 +213,18 @@ void rotateRight(AVLTreeIterBase& c) {
 }
 
 // Loop invariant: the subtree at link, a child of current, grew one level taller.
+// The tree's node count, when its record places one (root holds offset 0, so 0 means
+// none): raised for the node just stored at link, lowered by remove. Counting here
+// rather than where the node is made keeps the count right for callers that store
+// their own node at link (as the result tables do) before they rebalance.
+inline void countNodes(AVLTreeIterBase& c, long delta) {
+    if (unsigned int countAt = c.treeOps->offsets[1])
+        *reinterpret_cast<unsigned long*>(static_cast<char*>(c.tree) + countAt) += static_cast<unsigned long>(delta);
+}
+
 void rebalanceAfterInsert(AVLTreeIterBase& c) {
     Links k(c.nodeOps);
+    if (c.link && *c.link) countNodes(c, +1);
     while (adjustBalance(c) && c.current) {
         here(c, nullptr);
         c.current = k.parent(c.current);
@@ -225,10 +235,7 @@ AVLTreeNodeBase* remove(AVLTreeIterBase& c) {
     if (!c.current) return nullptr;
     Links k(c.nodeOps);
     AVLTreeNodeBase* a = c.current;
-    // The tree's node count, when its record places one (root holds offset 0, so 0
-    // means none).
-    if (unsigned int countAt = c.treeOps->offsets[1])
-        --*reinterpret_cast<unsigned long*>(static_cast<char*>(c.tree) + countAt);
+    countNodes(c, -1);
 
     if (k.left(a) && k.right(a)) {
         // Exchange places with the in-order predecessor p (the rightmost node of the
