@@ -787,8 +787,9 @@ TEST(String, ZeroLengthEditsStillGrowAnAdoptedBufferToTheCapacityRule) {
 TEST(String, AppendingACharacterInlineOnlyWhereTheCapacityRuleLeavesRoom) {
     TestAllocator ta;
     RouteBuffers route(&ta);
-    // An adopted buffer below the rule: "abc" in 4 bytes has room for 'd' in its
-    // slack, but the rule asks 16 for length 4, so the character moves the text.
+    // An adopted buffer sits below the rule ("abc" adopted with capacity 4): the
+    // character takes the out-of-line step, which grows it to the rule's 16. (A
+    // block's slack beyond the rule is never used; the move test above pins that.)
     char* block = static_cast<char*>(ta.alloc(4));
     std::memcpy(block, "abc", 4);
     String adopted;
