@@ -1,12 +1,16 @@
 // Tour: the copy-on-write string, its views and its character proxy.
 #include <cstdio>
+#include <iostream>
+#include <string>
+#include <string_view>
+#include <unordered_map>
 
 #include "tour.h"
 #include "utils/string.h"
 
 void tourStrings() {
     using Utils::String;
-    std::printf("\n-- Strings --\n");
+    std::printf("\n-- Strings --\n[examples/tour_strings.cpp: Utils::String, Utils::SubString (utils/string.h)]\n");
     String s("hello, world");
     String copy = s;  // shares the buffer
     std::printf("copy shares the buffer: %s\n", copy.representation() == s.representation() ? "yes" : "no");
@@ -36,7 +40,28 @@ void tourStrings() {
 
     String pad("ab");
     pad[5] = 'x';  // past the end: pads with blanks and stores nothing
-    std::printf("\"ab\" after [5] = 'x': \"%s\" (length %lu)\n", pad.text(), pad.length());
+    std::printf("\"ab\" after [5] = 'x': \"%s\" (length %lu: a write past the end pads with blanks up to the\n"
+                "  position and stores nothing, so the 'x' is not kept)\n",
+                pad.text(), pad.length());
     std::printf("null vs empty: String() == \"\" is %s, String() < \"a\" is %s\n",
                 String() == String("") ? "true" : "false", String() < String("a") ? "true" : "false");
+
+    // The conveniences for C++ code.
+    std::string_view sv = "from a string_view";
+    String fromView(sv);  // and back: view(), or pass a String where a string_view is taken
+    std::string_view back = fromView;
+    std::cout << "operator<<: " << fromView << " (" << back.size() << " characters)\n";
+    String count("answer: ");
+    count += 42ULL;  // every integer width appends its decimal text
+    count += ' ';
+    count += -7LL;
+    std::printf("integer appends: \"%s\"\n", count.text());
+    unsigned int roomBefore = count.representation()->capacity;
+    count.clear();  // empties the string, keeps its buffer for the next appends
+    std::printf("after clear(): length %lu, capacity kept %s\n", count.length(),
+                count.representation()->capacity == roomBefore ? "yes" : "no");
+    std::unordered_map<String, int> seen;  // std::hash<Utils::String>
+    seen[String("a")] += 1;
+    seen[String("a")] += 1;
+    std::printf("unordered_map<String, int>: \"a\" seen %d times\n", seen[String("a")]);
 }

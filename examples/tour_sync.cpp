@@ -1,6 +1,8 @@
 // Tour: identifiers, versions, locks, events, the light lock and the time value.
 #include <cstdio>
+#include <map>
 #include <thread>
+#include <unordered_set>
 
 #include "tour.h"
 #include "utils/event.h"
@@ -10,7 +12,8 @@
 #include "utils/version.h"
 
 void tourSync() {
-    std::printf("\n-- Identifiers and versions --\n");
+    std::printf("\n-- Identifiers and versions --\n"
+                "[examples/tour_sync.cpp: Utils::UID (utils/uid.h), Utils::Version (utils/version.h)]\n");
     Utils::UID first, second;
     first.generate();
     second.generate();
@@ -21,16 +24,26 @@ void tourSync() {
                 parsed.compare(second), first.compare(second));
     std::printf("null identifier: \"%s\", valid %d\n", Utils::UID::nullUID().asText().text(),
                 Utils::UID::nullUID().valid());
+    // ==, the natural order (operator<, the reverse of compare's sign) and std::hash put
+    // identifiers in standard containers.
+    std::map<Utils::UID, char const*> byId{{second, "second"}, {first, "first"}};
+    std::unordered_set<Utils::UID> ids{first, second, first};
+    std::printf("std::map of identifiers starts with the %s; unordered_set holds %zu; first < second is %s\n",
+                byId.begin()->second, ids.size(), first < second ? "true" : "false");
 
     Utils::CountedRef<Utils::Version> lib = Utils::Version::theVersion();
-    std::printf("library version %s, numbers %u.%u.%u.%u (every number is read from the first component)\n",
+    std::printf("library version %s, numbers %u.%u.%u.%u (by design each of the four numbers is read from the\n"
+                "  text's first dotted component, so the numbers of \"1.1.1.1507\" are 1.1.1.1)\n",
                 lib->asString().text(), lib->major(), lib->minor(), lib->revision(), lib->build());
     Utils::CountedRef<Utils::Version> older = Utils::Version::create(2, 0, 13, 400);
     Utils::CountedRef<Utils::Version> newer = Utils::Version::create(2, 1, 0, 0);
     std::printf("%s compared with %s: %d\n", older->asString().text(), newer->asString().text(),
                 older->compare(newer.get()));
 
-    std::printf("\n-- Locks, events and time --\n");
+    std::printf("\n-- Locks, events and time --\n"
+                "[examples/tour_sync.cpp: Utils::Mutex, Utils::Locker (utils/lock.h),\n"
+                "  Utils::WaitableEvent (utils/event.h),"
+                " Utils::ZotLightBLock (utils/lock.h), Utils::Time (utils/time.h)]\n");
 
     // Two threads add to one counter under a Mutex held by a scoped Locker.
     Utils::Mutex mutex;
@@ -67,6 +80,7 @@ void tourSync() {
     std::printf("after two unlocks: owner %d\n", light.ownerTask());
 
     // Ticks of any clock become seconds with 16 fractional bits.
-    std::printf("Time(3, 2) = %lld units = %.4f s; Time(1, 3) = %lld\n", Utils::Time(3, 2).value,
-                Utils::Time(3, 2).value / 65536.0, Utils::Time(1, 3).value);
+    std::printf("Time(3, 2), 3 ticks of a 2 Hz clock, = %lld units of 1/65536 s = %.4f s;\n"
+                "  Time(1, 3), a third of a second, = %lld units (truncated toward zero)\n",
+                Utils::Time(3, 2).value, Utils::Time(3, 2).value / 65536.0, Utils::Time(1, 3).value);
 }

@@ -59,11 +59,13 @@ enum {
 /* The armed sites; 0 when nothing is armed. Read by the hooks only. */
 ZOSYS_API extern unsigned int ZoIF_TestFaultSites_;
 
-ZOSYS_API void ZoIF_TestFaultArm(unsigned int sites, unsigned long n, int persist);
-ZOSYS_API void ZoIF_TestFaultDisarm(void);
-ZOSYS_API unsigned long ZoIF_TestFaultCalls(void);
-ZOSYS_API unsigned long ZoIF_TestFaultHits(void);
-/* The slow half of a hook: counts one event at `site` and says whether it fails. */
+/* The controls: for the tests only, exported by the layer the tests link. */
+ZOSYS_TEST_API void ZoIF_TestFaultArm(unsigned int sites, unsigned long n, int persist);
+ZOSYS_TEST_API void ZoIF_TestFaultDisarm(void);
+ZOSYS_TEST_API unsigned long ZoIF_TestFaultCalls(void);
+ZOSYS_TEST_API unsigned long ZoIF_TestFaultHits(void);
+/* The slow half of a hook: counts one event at `site` and says whether it fails.
+ * Exported with the armed-sites word by every build: the library's hooks use both. */
 ZOSYS_API int ZoIF_TestFaultStep(unsigned int site);
 
 /* The hook: nonzero when this event at `site` must fail. */

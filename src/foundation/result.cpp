@@ -202,8 +202,7 @@ namespace detail {
 void releaseResultTables() {
     HeldLock<platform::TableLock> g(gResultLock);
     gSuppressed.value.purge();
-    delete static_cast<LastErrors::Node*>(gLastErrors.value.root);
-    gLastErrors.value.root = nullptr;
+    gLastErrors.value.clear();
 }
 
 // The tables against their own invariants (see the top of this file): both trees
