@@ -2,7 +2,7 @@
 # Checks (and, as root or with sudo, installs) the Debian packages the build needs.
 # Usage: scripts/deps.sh [extra-package ...]
 set -euo pipefail
-need=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev "$@")
+need=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev valgrind "$@")
 missing=()
 for p in "${need[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

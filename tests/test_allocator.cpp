@@ -80,8 +80,8 @@ void* carrierByWalk(MemoryAllocator const& a, unsigned int s) {
 }
 
 #define SKIP_UNDER_SANITIZER()                                                                          \
-    if (zotest::sanitizerOwnsOperatorNew())                                                             \
-    GTEST_SKIP() << "the sanitizer's own operator new replaces the library's, so routing cannot be seen"
+    if (char const* why = zotest::foreignOperatorNew())                                                 \
+    GTEST_SKIP() << why << ", so routing cannot be seen"
 
 #define EXPECT_ARENA_OK(a) EXPECT_STREQ(nullptr, (a).verify())
 #define ASSERT_ARENA_OK(a) ASSERT_STREQ(nullptr, (a).verify())

@@ -306,7 +306,7 @@ TEST(Vector, GrowthWithoutMemoryLeavesTheVectorAsItWas) {
 
 TEST(Vector, LibraryScalarTablesReturnNullWhenMemoryIsExhausted) {
     // Arrays of 4 and 8 TiB: more than the process allocator can ever give.
-    if (zotest::sanitizerOwnsOperatorNew()) GTEST_SKIP() << "the sanitizer's operator new[] serves this build";
+    if (char const* why = zotest::foreignOperatorNew()) GTEST_SKIP() << why;
     EXPECT_EQ(Utils::templOpsUInt.allocArray(1ul << 40), nullptr);
     EXPECT_EQ(Utils::templOpsLogCat.allocArray(1ul << 40), nullptr);
     Vector<unsigned int> v;

@@ -283,6 +283,10 @@ private:
     unsigned long bridgeStep(MemHead* h) const;
     char const* verifyIndex(unsigned long freeExact, unsigned long freeLarge) const;
     MemHead* header(void* p) const;
+    // alloc and free as seen by a memory checker (memory/watch.h).
+    void* watchedAlloc(unsigned long size, unsigned int color);
+    void watchedRelease(void* p);
+    unsigned long plainSize(void* p) const;
 };
 
 // The parent of the process arena: draws raw regions from the system layer and
@@ -434,6 +438,12 @@ private:
     static constexpr unsigned kShifts = 12;
 
     bool setUp();
+    // imalloc and ifree without telling a memory checker: the allocator's own
+    // records and pages.
+    void* take(unsigned long size, unsigned int color);
+    void give(void* p);
+    unsigned long usable(void* p) const;
+    void keepRegion(void* raw, unsigned long bytes);
     char* adoptRegion(char* start, unsigned long got, unsigned long directoryPages, unsigned long origin,
                       unsigned long pages);
     unsigned long directoryPagesFor(char const* start, unsigned long got, unsigned long* origin) const;

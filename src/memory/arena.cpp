@@ -88,6 +88,7 @@
 #include <cstring>
 
 #include "containers/wtree_core.h"
+#include "memory/watch.h"
 #include "utils/allocator.h"
 #include "utils/result.h"
 #include "zosys.h"
@@ -317,7 +318,15 @@ MemoryAllocator::MemoryAllocator(Allocator* parentAllocator)
       farBridgeSteps(),
       farBridgeCount(0) {}
 
-MemoryAllocator::~MemoryAllocator() {}
+MemoryAllocator::~MemoryAllocator() {
+    // A parent may reuse the regions once this arena is gone: take the poisoning
+    // off them (bridged gaps included, unless the span is unreasonably wide).
+    if (watch::kPoison && arenaStart) {
+        char* from = H(arenaStart) - 12;
+        char* to = H(arenaEnd) + 4;
+        if (static_cast<unsigned long>(to - from) <= (256ul << 20)) watch::release(from, static_cast<unsigned long>(to - from));
+    }
+}
 
 void MemoryAllocator::init() {
     arenaStart = nullptr;
@@ -326,6 +335,7 @@ void MemoryAllocator::init() {
     freeTotal = 0;
     allocatedTotal = 0;
     colorSlot = ZoIF_AllocateTLSCoop();
+    watch::start();
     for (int c = 0; c < 64; ++c) {
         allocatedByColor[c] = 0;
         freeByColor[c] = 0;
@@ -588,6 +598,9 @@ MemoryAllocator::MemHead* MemoryAllocator::growArena(unsigned long need) {
     void* region = parent->alloc(need + 16);
     if (!region) return nullptr;
     unsigned long regionSize = parent->size(region);
+    // The region is bookkeeping and free space until blocks are handed out (of a
+    // vast region, only the part one block can use).
+    if (watch::on()) watch::adoptRegion(parent, region, regionSize < kMaxBlock + 32 ? regionSize : kMaxBlock + 32);
     Head* r = H(region);
     // Regions are granule-aligned in practice; any other parent is trimmed to 16.
     unsigned long misalign = reinterpret_cast<std::uintptr_t>(r) & 15;
@@ -706,6 +719,7 @@ ZO_STEP void* MemoryAllocator::_alloc(unsigned long request, unsigned int color)
 }
 
 void* MemoryAllocator::carrierCandidate(unsigned int smallBlockSize) const {
+    watch::Quiet quiet;
     // The first free block in address order of at least s + 20 bytes: the lowest
     // root among the bins from that size on and the large blocks. 80-byte blocks
     // qualify for 32-byte small blocks only (84 bytes are needed for one 64-byte
@@ -843,19 +857,59 @@ ZO_STEP unsigned long MemoryAllocator::freeOrdinaryBlock(MemHead* m) {
 // ---------------------------------------------------------------------------
 // The interface.
 // ---------------------------------------------------------------------------
+// The virtual entry points describe their blocks to a memory checker when one
+// watches; allocBlock and releaseBlock, the process allocator's lone-thread path,
+// never do (the process allocator leaves that path while watched).
 void* MemoryAllocator::alloc(unsigned long size) {
     if (size > kMaxRequest) return nullptr;
+    if (watch::on()) return watchedAlloc(size, defaultColor());
     return _alloc(size, defaultColor());
 }
 
-void* MemoryAllocator::alloc(unsigned long size, unsigned int color) { return allocBlock(size, color); }
+void* MemoryAllocator::alloc(unsigned long size, unsigned int color) {
+    if (watch::on()) return size > kMaxRequest ? nullptr : watchedAlloc(size, color);
+    return allocBlock(size, color);
+}
+
+__attribute__((noinline)) void* MemoryAllocator::watchedAlloc(unsigned long size, unsigned int color) {
+    void* p;
+    unsigned long usable;
+    {
+        watch::Quiet quiet;
+        p = _alloc(size, color);
+        if (!p) return nullptr;
+        usable = blockSize(H(p) - 4) - 8;
+    }
+    watch::handOut(p, size, usable);
+    return p;
+}
+
+__attribute__((noinline)) void MemoryAllocator::watchedRelease(void* p) {
+    if (!p) return;
+    bool busyBlock;
+    unsigned long usable;
+    {
+        watch::Quiet quiet;
+        busyBlock = (word(H(p) - 4) & kBusy) != 0;
+        usable = blockSize(H(p) - 4) - 8;
+    }
+    // Reported here when p is not a live block; a block already free is then
+    // left alone rather than released twice.
+    watch::takeBack(p, usable);
+    if (!busyBlock) return;
+    watch::Quiet quiet;
+    releaseBlock(p);
+}
 
 void* MemoryAllocator::allocBlock(unsigned long size, unsigned int color) {
     if (size > kMaxRequest) return nullptr;
     return _alloc(size, color);
 }
 
-void MemoryAllocator::free(void* p) { releaseBlock(p); }
+void MemoryAllocator::free(void* p) {
+    if (watch::on()) return watchedRelease(p);
+    releaseBlock(p);
+}
 
 void MemoryAllocator::releaseBlock(void* p) {
     if (!p) return;
@@ -878,19 +932,33 @@ MemoryAllocator::MemHead* MemoryAllocator::header(void* p) const {
     return MH(h);
 }
 
-unsigned long MemoryAllocator::size(void* p) const {
+unsigned long MemoryAllocator::plainSize(void* p) const {
     MemHead* m = header(p);
     if (!m) return 0;
     return (m->word & ~kColorMask) - 9;
 }
 
+// A caller told the usable size may use all of it.
+unsigned long MemoryAllocator::size(void* p) const {
+    if (!watch::on()) return plainSize(p);
+    unsigned long n;
+    {
+        watch::Quiet quiet;
+        n = plainSize(p);
+    }
+    if (n) watch::widen(p, n);
+    return n;
+}
+
 unsigned int MemoryAllocator::color(void* p) const {
+    watch::Quiet quiet;
     MemHead* m = header(p);
     return m ? m->word >> kColorShift : 0;
 }
 
 unsigned int MemoryAllocator::setColor(void* p, unsigned int c) {
     if (!p || (c & 63) == 0) return kResultBadArgument;
+    watch::Quiet quiet;
     MemHead* m = header(p);
     if (!m || (m->word >> kColorShift) != 0) return kResultBadArgument;
     unsigned long size = m->word & kSizeMask;
@@ -900,6 +968,7 @@ unsigned int MemoryAllocator::setColor(void* p, unsigned int c) {
 }
 
 bool MemoryAllocator::valid(void* p) const {
+    watch::Quiet quiet;
     MemHead* m = header(p);
     if (!m) return false;
     Head* h = H(m);
@@ -939,6 +1008,7 @@ void* MemoryAllocator::nextBlock(void* p) const {
     if (!p) return nullptr;
     Head* h = H(p) - 4;
     if (h >= H(arenaEnd)) return nullptr;
+    watch::Quiet quiet;
     unsigned int w = word(h);
     unsigned long step = (w & kBridge) ? bridgeStep(MH(h)) : (w & kSizeMask);
     Head* next = h + step;
@@ -954,7 +1024,10 @@ unsigned long MemoryAllocator::bridgeStep(MemHead* m) const {
     return 0;
 }
 
-unsigned int MemoryAllocator::busy(void* p) { return p ? word(H(p) - 4) & kBusy : 0; }
+unsigned int MemoryAllocator::busy(void* p) {
+    watch::Quiet quiet;
+    return p ? word(H(p) - 4) & kBusy : 0;
+}
 
 unsigned int MemoryAllocator::checkArena() const {
     for (void* p = firstBlock(); p; p = nextBlock(p)) {
@@ -1023,6 +1096,7 @@ char const* MemoryAllocator::verifyIndex(unsigned long freeExact, unsigned long 
 }
 
 char const* MemoryAllocator::verify() const {
+    watch::Quiet quiet;
     unsigned long walkAllocated = 0, walkFree = 0;
     unsigned long walkAllocatedByColor[64] = {}, walkFreeByColor[64] = {};
     unsigned long freeExact = 0, freeLarge = 0, freeSmallCount[7] = {};

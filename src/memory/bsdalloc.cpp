@@ -41,6 +41,7 @@
 #include <cstring>
 
 #include "memory/bsdalloc_internal.h"
+#include "memory/watch.h"
 #include "utils/log.h"
 #include "utils/result.h"
 #include "zosys.h"
@@ -82,11 +83,21 @@ BSDAllocator::BSDAllocator(Allocator* parent)
       colorSlot(-1),
       counters{},
       internalFreeBytes(0),
-      obtainedBytes(0) {}
+      obtainedBytes(0) {
+    watch::start();
+    watch::poolStart(this);
+}
 
-BSDAllocator::~BSDAllocator() {}
+BSDAllocator::~BSDAllocator() {
+    // A parent may reuse the regions once this allocator is gone: take the
+    // poisoning off the pages the directory spans (unless unreasonably many).
+    if (watch::kPoison && directory && lastIndex < (1ul << 16))
+        watch::release(reinterpret_cast<char*>(originPage << kPageShift), (lastIndex + 1) << kPageShift);
+}
 
 void BSDAllocator::init() {
+    watch::start();
+    watch::poolStart(this);
     originPage = 0;
     lastIndex = 0;
     directory = nullptr;
@@ -97,7 +108,7 @@ void BSDAllocator::init() {
     std::memset(counters, 0, sizeof counters);
     internalFreeBytes = 0;
     obtainedBytes = 0;
-    if (setUp() && !spareRun) spareRun = static_cast<FreeRun*>(imalloc(sizeof(FreeRun), 0));
+    if (setUp() && !spareRun) spareRun = static_cast<FreeRun*>(take(sizeof(FreeRun), 0));
     colorSlot = static_cast<int>(ZoIF_AllocateTLSCoop());
 }
 
@@ -118,6 +129,7 @@ bool BSDAllocator::setUp() {
         return false;
     }
     if (got > kMaxDirectoryEntries) got = kMaxDirectoryEntries;
+    keepRegion(raw, bytes);
     obtainedBytes += bytes;
     unsigned long origin = 0;
     unsigned long directoryPages = directoryPagesFor(start, got, &origin);
@@ -158,6 +170,14 @@ char* BSDAllocator::parentPages(unsigned long pages, bool defaultColour, void** 
     *raw = r;
     *bytes = s;
     return reinterpret_cast<char*>(first);
+}
+
+// A region kept from the parent: memcheck forgets the parent's record of it, so
+// that the chunks described inside it overlap nothing (memory/watch.h).
+void BSDAllocator::keepRegion(void* raw, unsigned long bytes) {
+    if (!watch::on()) return;
+    watch::disown(parent, raw);
+    watch::expose(raw, bytes);
 }
 
 // Pages of directory that a region of `got` pages at `start` requires in front of
@@ -222,9 +242,9 @@ char* BSDAllocator::adoptRegion(char* start, unsigned long got, unsigned long di
     if (surplus) {
         char* extra = requested + (pages << kPageShift);
         markRun(pageNumber(extra) - originPage, surplus, 0);
-        ifree(extra);
+        give(extra);
     }
-    if (directoryPages && oldDirectory) ifree(oldDirectory);
+    if (directoryPages && oldDirectory) give(oldDirectory);
     return requested;
 }
 
@@ -251,6 +271,7 @@ void* BSDAllocator::mapPages(unsigned long pages) {
             directoryPages = need;
             continue;
         }
+        keepRegion(raw, bytes);
         obtainedBytes += bytes;
         return adoptRegion(start, got, need, origin, pages);
     }
@@ -288,6 +309,7 @@ void* BSDAllocator::allocPages(unsigned long size, unsigned int color) {
     directory[index] = kRunFirst + color;
     for (unsigned long k = 1; k < pages; ++k) directory[index + k] = kRunFollow;
     if (unlinked) releaseRecord(unlinked);
+    watch::expose(p, pages << kPageShift);
     return p;
 }
 
@@ -295,7 +317,7 @@ void BSDAllocator::releaseRecord(FreeRun* run) {
     if (!spareRun)
         spareRun = run;
     else
-        ifree(run);
+        give(run);
 }
 
 // Where a run [start, end) goes in the list: *at is the first run that ends at or
@@ -314,6 +336,7 @@ BSDAllocator::Place BSDAllocator::placeRun(char* start, char* end, FreeRun** at)
 
 void BSDAllocator::insertRun(char* start, char* end, Place place, FreeRun* at) {
     unsigned long size = static_cast<unsigned long>(end - start);
+    watch::hide(start, size);  // free runs hold nothing: no-access while free
     if (place == Place::Prepend) {
         at->start = start;
         at->size += size;
@@ -413,6 +436,9 @@ void BSDAllocator::adoptChunkPage(char* page, pginfo* info, unsigned int shift, 
         for (unsigned int k = 0; k < covered; ++k) bits[k / 32] &= ~(1u << (k % 32));
     info->total = static_cast<std::uint16_t>(pginfo::chunksPerPage(shift));
     info->free = info->total;
+    // Free chunks are no-access; a record at the page's start stays readable.
+    char* firstFree = reinterpret_cast<char*>(info) == page ? page + (static_cast<unsigned long>(covered) << shift) : page;
+    watch::hide(firstFree, static_cast<unsigned long>(page + kPageSize - firstFree));
     info->next = chunkLists[color][shift];
     chunkLists[color][shift] = info;
     freeByColor()[color] += static_cast<unsigned int>(kPageSize);
@@ -426,9 +452,9 @@ bool BSDAllocator::makeChunks(unsigned int shift, unsigned int color) {
         info = reinterpret_cast<pginfo*>(page);
     } else {
         // Kept in colour 0 with the other bookkeeping (run records).
-        info = static_cast<pginfo*>(imalloc(pginfo::bytesFor(shift), 0));
+        info = static_cast<pginfo*>(take(pginfo::bytesFor(shift), 0));
         if (!info) {
-            ifree(page);
+            give(page);
             return false;
         }
     }
@@ -449,10 +475,13 @@ void* BSDAllocator::allocBytes(unsigned long size, unsigned int color) {
     unsigned int b = static_cast<unsigned int>(__builtin_ctz(bits[w]));
     bits[w] &= ~(1u << b);
     if (--info->free == 0) chunkLists[color][shift] = info->next;
-    return info->page + (static_cast<unsigned long>(32 * w + b) << shift);
+    char* chunk = info->page + (static_cast<unsigned long>(32 * w + b) << shift);
+    watch::expose(chunk, 1ul << shift);
+    return chunk;
 }
 
 void BSDAllocator::freeBytes(void* p, unsigned long index, pginfo* info) {
+    watch::hide(p, info->size);
     unsigned int k = static_cast<unsigned int>((addr(p) % kPageSize) >> info->shift);
     info->bits()[k / 32] |= 1u << (k % 32);
     ++info->free;
@@ -473,18 +502,35 @@ void BSDAllocator::freeBytes(void* p, unsigned long index, pginfo* info) {
         // so that the counter keeps meaning free chunk bytes.
         freeByColor()[info->color] -= static_cast<unsigned int>(kPageSize);
         char* page = info->page;
-        if (reinterpret_cast<char*>(info) != page) ifree(info);
-        ifree(page);
+        if (reinterpret_cast<char*>(info) != page) give(info);
+        give(page);
     }
 }
 
-void* BSDAllocator::imalloc(unsigned long size, unsigned int color) {
+void* BSDAllocator::take(unsigned long size, unsigned int color) {
     color &= kColors - 1;
     if (!directory && !setUp()) return nullptr;
     return size <= kMaxChunk ? allocBytes(size, color) : allocPages(size, color);
 }
 
+// The program's blocks are chunks of a memory-checker pool named by the allocator
+// (memory/watch.h); its own records and pages are not.
+void* BSDAllocator::imalloc(unsigned long size, unsigned int color) {
+    void* p = take(size, color);
+    if (p && watch::on()) {
+        unsigned long usable = size <= kMaxChunk ? 1ul << shiftFor(size) : (size + kPageSize - 1) & ~(kPageSize - 1);
+        watch::poolHandOut(this, p, size, usable);
+    }
+    return p;
+}
+
 void BSDAllocator::ifree(void* p) {
+    // Reports a release of anything but a live block.
+    if (watch::on()) watch::poolTakeBack(this, p);
+    give(p);
+}
+
+void BSDAllocator::give(void* p) {
     unsigned long index = pageNumber(p) - originPage;
     unsigned long entry = inDirectory(index) ? directory[index] : kNotOwned;
     if (entry > kRunFollow)
@@ -503,7 +549,14 @@ void BSDAllocator::free(void* p) {
     if (p) ifree(p);
 }
 
+// A caller told the usable size may use all of it.
 unsigned long BSDAllocator::size(void* p) const {
+    unsigned long n = usable(p);
+    if (n && watch::on()) watch::widen(p, n);
+    return n;
+}
+
+unsigned long BSDAllocator::usable(void* p) const {
     if (!p) return 0;
     // Unsigned: an address below the origin wraps to a large index.
     unsigned long index = pageNumber(p) - originPage;

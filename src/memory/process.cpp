@@ -58,6 +58,7 @@
 #include <cstring>
 #include <new>
 
+#include "memory/watch.h"
 #include "utils/allocator.h"
 #include "utils/result.h"
 #include "zosys.h"
@@ -159,6 +160,11 @@ struct Inside {
 // Shards and the table of their regions.
 // ---------------------------------------------------------------------------
 std::atomic<unsigned int> gShardCount;  // shards built; arenas in use = 1 + this
+// Nonzero once the lone-thread path is closed for good: a shard exists, or a
+// memory checker watches (the locked path goes through the arena's virtual entry
+// points, which describe blocks to it). One word, so the lone-thread test costs
+// what it cost before there was a checker to think of.
+std::atomic<unsigned int> gSharedPath;
 
 // Granule g = (address - phase) / 1 MiB, phase being the reserve's offset within a
 // MiB (the same for every region). gRegionTop[g >> 16] points to 65536 bytes, each
@@ -276,7 +282,7 @@ inline MemoryAllocator* arena(unsigned int i) {
                   : reinterpret_cast<MemoryAllocator*>(gShardStorage[i - 1]);
 }
 
-inline bool alone() { return __libc_single_threaded && gShardCount.load(std::memory_order_relaxed) == 0; }
+inline bool alone() { return __libc_single_threaded && gSharedPath.load(std::memory_order_relaxed) == 0; }
 
 // Holds one arena for the duration of an operation: its lock, unless alone.
 class Hold {
@@ -353,6 +359,7 @@ public:
         if (chosen == kArenas && count < kArenas) {
             ::new (static_cast<void*>(gShardStorage[count - 1])) Shard(count, colorSlot);
             gShardCount.store(count, std::memory_order_release);
+            gSharedPath.store(1, std::memory_order_relaxed);
             chosen = count;
         }
         bool own = chosen != kArenas;
@@ -513,6 +520,7 @@ ProcessAllocator* buildProcessAllocator() {
         // arena at once (init obtains no memory, so the order is otherwise
         // unobservable). The building thread owns arena 0.
         a->init();
+        if (watch::start()) gSharedPath.store(1, std::memory_order_relaxed);
         gOwned[0].store(true, std::memory_order_relaxed);
         adopt(0, true);
         gProcess.store(a, std::memory_order_release);
