@@ -38,7 +38,7 @@ std::string cannotRun() {
 // memcheck's report of one probe case (its standard error, with the probe's own).
 std::string memcheck(std::string const& which) {
     std::string command = findValgrind() +
-                          " --tool=memcheck --leak-check=full --num-callers=30 --error-exitcode=0 " MEMCHECK_PROBE " " +
+                          " --tool=memcheck --leak-check=full --num-callers=30 --error-exitcode=0 " MEMORY_PROBE " " +
                           which + " 2>&1";
     FILE* pipe = popen(command.c_str(), "r");
     if (!pipe) return "popen failed";

@@ -8,13 +8,18 @@
 // (thread) that alloc(size) uses. Colour 0 is the ordinary colour.
 #pragma once
 
+#include <cstdio>
+
 #include "utils/export.h"
 #include "utils/wtree.h"
 
 namespace Utils {
 
+class String;
+
 namespace detail {
 struct FreeHeapNode;  // the links of a free arena block in an address heap (arena.cpp)
+struct MemoryCensus;  // what a walk over an allocator's blocks finds (memory report)
 }
 
 // ---------------------------------------------------------------------------
@@ -213,6 +218,8 @@ public:
     // next carrier of `smallBlockSize`-byte blocks (32 or 64): the first free block
     // in address order of at least smallBlockSize + 20 bytes. Null when none.
     void* carrierCandidate(unsigned int smallBlockSize) const;
+    // Adds this arena's blocks, regions and free space to a memory report's census.
+    ZO_INTERNAL void census(detail::MemoryCensus& c) const;
 
 protected:
     struct MemHead;  // the 4-byte size word at the start of every block
@@ -422,6 +429,8 @@ public:
     void ifree(void* p);
     // Does nothing; the verifier used by the tests checks the structure instead.
     void checkCounts();
+    // Adds this allocator's blocks, regions and free runs to a memory report's census.
+    ZO_INTERNAL void census(detail::MemoryCensus& c) const;
 
     BSDAllocator(BSDAllocator const&) = delete;
     BSDAllocator& operator=(BSDAllocator const&) = delete;
@@ -552,5 +561,62 @@ private:
     unsigned int defaultColorValue;  // only its low byte is used
     unsigned int sizeMask;           // 0xFFFFFF: the size bits of a header
 };
+
+// ---------------------------------------------------------------------------
+// Memory reports.
+// ---------------------------------------------------------------------------
+// writeMemoryReport writes a human-readable report of allocator `a` to `out`
+// (flushed), or appends it to `out`, under the heading "memory report: <title>"
+// ("allocator" when title is null or empty). Lines, in this order:
+//   allocated      N bytes            allocatedMemory()
+//   free           N bytes            internalFree() ("unknown" for an allocator
+//                                     that keeps no free count: SimpleAllocator)
+//   regions        N (M bytes from the parent)
+//                                     regions taken from the parent (for an
+//                                     arena, a region that continues the previous
+//                                     one counts with it; for a BSDAllocator,
+//                                     regions that touch count as one)
+//   blocks         N busy, M free     blocks in the allocator (busy includes the
+//                                     allocator's own bookkeeping blocks; an
+//                                     arena counts carriers' small blocks, not
+//                                     the carriers)
+//   largest free   N bytes            the largest free block
+//   fragmentation  P % (...)          100 x (1 - largest free / free): 0 when the
+//                                     free memory is one block
+//   colour  name  allocated  free     one row per colour with bytes allocated or
+//                                     free (allocatedColorMemory,
+//                                     freeColorMemory), with the colour's name
+//   block size  busy  free            block counts by whole block size: <= 64 B,
+//                                     <= 256 B, <= 1 KiB, <= 4 KiB, <= 16 KiB,
+//                                     <= 64 KiB, <= 1 MiB, > 1 MiB (rows with
+//                                     blocks only)
+// The regions, blocks, largest free and fragmentation lines come from a walk over
+// the blocks of a MemoryAllocator (the process allocator: every arena, each under
+// its lock) or a BSDAllocator; any other allocator reports "blocks not walked"
+// instead. Each figure is exact at the moment it is read; the walk and the
+// counters are not one moment when other threads allocate meanwhile.
+// The FILE* form never allocates (it can run at exit or after a fault); the String
+// form appends through the string's buffer allocator. A null `a` writes one line
+// saying so.
+//
+// The process allocator's report is written to standard error at exit when the
+// configuration key ZoUtils.Memory.ReportAtExit (environment variable
+// ZOUTILS_MEMORY_REPORTATEXIT, ZOSYS_CONFIG, the XDG files; see zosys.h) is a
+// number other than 0 when the process allocator starts; its title is
+// "process allocator at exit". The handler is registered when the process
+// allocator is built, so it runs after the exit handlers and static destructors
+// registered later.
+ZO_API void writeMemoryReport(Allocator* a, FILE* out, char const* title = nullptr);
+ZO_API void writeMemoryReport(Allocator* a, String& out, char const* title = nullptr);
+
+// Names colour `color` (0 to 255) for memory reports: the name is copied (at most
+// 31 characters kept); null or "" removes it. Names are process-wide and shared by
+// every allocator. Returns 0, or 0x80000003 (kResultBadArgument) for a colour
+// above 255 (nothing raised).
+ZO_API unsigned int setMemoryColorName(unsigned int color, char const* name);
+// Copies colour `color`'s name (empty when it has none) into buffer (of `size`
+// bytes, always NUL-terminated when size > 0, truncated to fit) and returns the
+// name's full length.
+ZO_API unsigned long memoryColorName(unsigned int color, char* buffer, unsigned long size);
 
 }  // namespace Utils

@@ -88,6 +88,7 @@
 #include <cstring>
 
 #include "containers/wtree_core.h"
+#include "memory/census.h"
 #include "memory/watch.h"
 #include "utils/allocator.h"
 #include "utils/result.h"
@@ -1033,6 +1034,44 @@ unsigned int MemoryAllocator::checkArena() const {
     for (void* p = firstBlock(); p; p = nextBlock(p)) {
     }
     return 0;
+}
+
+// ---------------------------------------------------------------------------
+// The census for the memory report: one walk over the blocks (bridges separate
+// regions, so a region that continues the previous one counts with it), then the
+// carriers' small blocks in place of the carriers.
+// ---------------------------------------------------------------------------
+void MemoryAllocator::census(detail::MemoryCensus& c) const {
+    watch::Quiet quiet;
+    c.walked = true;
+    if (!arenaStart) return;
+    c.regions += 1;
+    c.obtained += 16;
+    for (Head* h = H(arenaStart); h < H(arenaEnd);) {
+        unsigned int w = word(h);
+        if (w & kBridge) {
+            h += bridgeStep(MH(h));
+            c.regions += 1;
+            c.obtained += 16;
+            continue;
+        }
+        unsigned long size = w & kSizeMask;
+        if (!size) break;  // a damaged arena: verify() says where
+        c.obtained += size;
+        c.count(size, (w & kBusy) != 0);
+        h += size;
+    }
+    for (Head* carrier = H(carriers); carrier; carrier = carrierNext(carrier)) {
+        unsigned long size = blockSize(carrier);
+        --c.busyBlocks;
+        --c.busyByClass[detail::MemoryCensus::sizeClass(size)];
+        unsigned int info = carrierInfo(carrier);
+        unsigned long s = info & ~kCarrierCounted;
+        Head* start = carrier + 4;
+        Head* end = (info & kCarrierCounted) ? start + kCarrierSize : carrier + size - 4;
+        Head* h = H((reinterpret_cast<std::uintptr_t>(start) + 19) & ~std::uintptr_t(15)) - 4;
+        for (; s && h + s <= end; h += s) c.count(s, (word(h) & kBusy) != 0);
+    }
 }
 
 // ---------------------------------------------------------------------------

@@ -41,6 +41,7 @@
 #include <cstring>
 
 #include "memory/bsdalloc_internal.h"
+#include "memory/census.h"
 #include "memory/watch.h"
 #include "utils/log.h"
 #include "utils/result.h"
@@ -634,5 +635,33 @@ unsigned long BSDAllocator::allocatedMemory() const { return allocatedTotal(); }
 unsigned long BSDAllocator::internalFree() const { return internalFreeBytes; }
 
 void BSDAllocator::checkCounts() {}
+
+// The census for the memory report: page runs and chunks from the directory, free
+// runs from their list; a region is a stretch of owned directory entries (regions
+// that touch count as one).
+void BSDAllocator::census(detail::MemoryCensus& c) const {
+    c.walked = true;
+    c.obtained += obtainedBytes;
+    if (!directory) return;
+    bool owned = false;
+    for (unsigned long i = 0; i <= lastIndex;) {
+        unsigned long entry = directory[i];
+        if (entry != kNotOwned && !owned) ++c.regions;
+        owned = entry != kNotOwned;
+        if (entry > kRunFollow) {
+            pginfo const* info = reinterpret_cast<pginfo const*>(entry);
+            for (unsigned k = 0; k < info->total; ++k) c.count(info->size, k >= info->free);
+            ++i;
+        } else if (entry >= kRunFirst && entry < kRunFollow) {
+            unsigned long pages = 1;
+            while (i + pages <= lastIndex && directory[i + pages] == kRunFollow) ++pages;
+            c.count(pages << kPageShift, true);
+            i += pages;
+        } else {
+            ++i;
+        }
+    }
+    for (FreeRun const* r = freeRuns; r; r = r->next) c.count(r->size, false);
+}
 
 }  // namespace Utils

@@ -55,9 +55,11 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <new>
 
+#include "memory/census.h"
 #include "memory/watch.h"
 #include "utils/allocator.h"
 #include "utils/result.h"
@@ -499,6 +501,8 @@ void destroyArena() {
     std::memcpy(gArenaStorage, &table, sizeof table);
 }
 
+void reportAtExit() { writeMemoryReport(Allocator::theAllocator(), stderr, "process allocator at exit"); }
+
 ProcessAllocator* buildProcessAllocator() {
     ZoIF_MemInit(0);
     pthread_mutex_lock(&gClaimLock);  // serialises a first call from two threads at once
@@ -515,6 +519,11 @@ ProcessAllocator* buildProcessAllocator() {
             std::atexit(destroyArena);
             pthread_key_create(&gThreadKey, releaseArena);
             pthread_atfork(forkPrepare, forkParent, forkChild);
+            // The exit report, registered now so that it runs after the exit
+            // handlers and static destructors that come later.
+            int report = 0;
+            if (ZoIF_GetConfigNumber("ZoUtils.Memory.ReportAtExit", &report) == 0 && report != 0)
+                std::atexit(reportAtExit);
         }
         // init() before publishing: a thread that sees the pointer may use the
         // arena at once (init obtains no memory, so the order is otherwise
@@ -561,6 +570,12 @@ void alignedFree(void* p, std::size_t alignment) {
 }  // namespace
 
 Allocator* Allocator::theAllocator() { return processAllocator(); }
+
+void detail::processCensus(MemoryCensus& census) {
+    processAllocator();
+    HoldAll all;
+    for (unsigned int i = 0; i < all.arenas(); ++i) arena(i)->census(census);
+}
 
 // ---------------------------------------------------------------------------
 // HostAllocator.

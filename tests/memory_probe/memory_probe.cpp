@@ -1,11 +1,17 @@
-// A program with known memory mistakes, run under valgrind's memcheck by
-// test_memcheck: each mistake sits in a function of its own, named
-// mistake_<kind>_<path>, so that the test finds every report by its stack.
+// A program for the memory-visibility tests, one case per run.
 //
-//   memcheck_probe clean                 allocates, uses and releases correctly on
-//                                        every path
-//   memcheck_probe mistake_<kind>_<path>  one mistake (a process each: an overrun
-//                                        may well break the allocator it hits)
+// Run under valgrind's memcheck by test_memcheck, with known memory mistakes: each
+// mistake sits in a function of its own, named mistake_<kind>_<path>, so that the
+// test finds every report by its stack.
+//
+//   memory_probe clean                 allocates, uses and releases correctly on
+//                                      every path
+//   memory_probe mistake_<kind>_<path>  one mistake (a process each: an overrun
+//                                      may well break the allocator it hits)
+//   memory_probe colors                 names colours 5 ("cache") and 9 ("parser")
+//                                      and leaves 40 blocks of 1000 bytes in colour
+//                                      5 and 10 of 3000 in colour 9 allocated, for
+//                                      the exit report (test_allocator_report)
 //     overrun    8 bytes written past the block
 //     stale      a read after the block was released
 //     undefined  a branch on bytes nobody wrote
@@ -159,6 +165,16 @@ void clean() {
     }
 }
 
+// Blocks left for the exit report, in named colours.
+void colors() {
+    Utils::setMemoryColorName(5, "cache");
+    Utils::setMemoryColorName(9, "parser");
+    static void* kept[50];
+    for (int i = 0; i < 40; ++i) kept[i] = Allocator::theAllocator()->alloc(1000, 5);
+    for (int i = 40; i < 50; ++i) kept[i] = Allocator::theAllocator()->alloc(3000, 9);
+    gLaunder = kept;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -167,6 +183,7 @@ int main(int argc, char** argv) {
         void (*run)();
     } const cases[] = {
         {"clean", clean},
+        {"colors", colors},
 #define CASE(f) {#f, f}
         CASE(mistake_overrun_alloc),   CASE(mistake_stale_alloc),  CASE(mistake_undefined_alloc),
         CASE(mistake_leak_alloc),      CASE(mistake_overrun_string), CASE(mistake_stale_string),
@@ -181,6 +198,6 @@ int main(int argc, char** argv) {
             return 0;
         }
     }
-    std::fprintf(stderr, "usage: memcheck_probe clean|mistake_<overrun|stale|undefined|leak>_<alloc|string|page>\n");
+    std::fprintf(stderr, "usage: memory_probe clean|colors|mistake_<overrun|stale|undefined|leak>_<alloc|string|page>\n");
     return 2;
 }
