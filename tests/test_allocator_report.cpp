@@ -3,6 +3,7 @@
 // exit report of a child process, read back and parsed.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -239,7 +240,7 @@ struct ProbeRun {
     std::string err;
 };
 
-ProbeRun runProbe(std::map<std::string, std::string> const& env) {
+ProbeRun runProbe(std::map<std::string, std::string> const& env, char const* mode = "colors") {
     int pipefd[2];
     ProbeRun run;
     if (pipe(pipefd) != 0) return run;
@@ -251,7 +252,8 @@ ProbeRun runProbe(std::map<std::string, std::string> const& env) {
         unsetenv("ZOUTILS_MEMORY_REPORTATEXIT");
         unsetenv("ZOSYS_CONFIG");
         for (auto const& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
-        execl(MEMORY_PROBE, MEMORY_PROBE, "colors", static_cast<char*>(nullptr));
+        dup2(2, 1);
+        execl(MEMORY_PROBE, MEMORY_PROBE, mode, static_cast<char*>(nullptr));
         _exit(127);
     }
     close(pipefd[1]);
@@ -303,6 +305,49 @@ TEST(MemoryReport, ExitReportFromAConfigurationFileWithProvenance) {
     ASSERT_NE(trace, std::string::npos) << run.err;
     std::string traceLine = run.err.substr(trace, run.err.find('\n', trace) - trace);
     EXPECT_NE(traceLine.find(path), std::string::npos) << "provenance names the file: " << traceLine;
+}
+
+}  // namespace
+
+namespace {
+
+std::map<std::string, unsigned long> facts(std::string const& out) {
+    std::map<std::string, unsigned long> f;
+    std::istringstream in(out);
+    std::string word;
+    while (in >> word) {
+        std::size_t eq = word.find('=');
+        if (eq != std::string::npos) f[word.substr(0, eq)] = std::strtoul(word.c_str() + eq + 1, nullptr, 10);
+    }
+    return f;
+}
+
+// ZoUtils.Memory.SystemAllocator: operator new's blocks come from malloc, and the
+// process allocator (string buffers, theAllocator()->alloc) stays the arena.
+TEST(SystemAllocatorSwitch, OperatorNewUsesMallocAndTheArenaStays) {
+    if (zotest::foreignOperatorNew()) GTEST_SKIP() << zotest::foreignOperatorNew();
+    ProbeRun on = runProbe({{"ZOUTILS_MEMORY_SYSTEMALLOCATOR", "1"}}, "operators");
+    ASSERT_TRUE(WIFEXITED(on.status) && WEXITSTATUS(on.status) == 0) << on.err;
+    auto f = facts(on.err);
+    EXPECT_EQ(f["new-size"], 0u) << on.err;
+    EXPECT_EQ(f["counted"], 0u) << on.err;
+    EXPECT_GE(f["malloc-usable"], 3000u) << on.err;
+    EXPECT_GE(f["arena-size"], 3000u) << on.err;
+
+    ProbeRun off = runProbe({{"ZOUTILS_MEMORY_SYSTEMALLOCATOR", "0"}}, "operators");
+    ASSERT_TRUE(WIFEXITED(off.status) && WEXITSTATUS(off.status) == 0) << off.err;
+    auto g = facts(off.err);
+    EXPECT_GE(g["new-size"], 3000u) << off.err;
+    EXPECT_GE(g["counted"], 3000u) << off.err;
+    EXPECT_GE(g["arena-size"], 3000u) << off.err;
+}
+
+TEST(SystemAllocatorSwitch, GlibcCatchesADoubleDeleteOfTheProgram) {
+    if (zotest::foreignOperatorNew()) GTEST_SKIP() << zotest::foreignOperatorNew();
+    ProbeRun run = runProbe({{"ZOUTILS_MEMORY_SYSTEMALLOCATOR", "1"}}, "double-delete");
+    ASSERT_TRUE(WIFSIGNALED(run.status)) << run.err;
+    EXPECT_EQ(WTERMSIG(run.status), SIGABRT) << run.err;
+    EXPECT_NE(run.err.find("double free"), std::string::npos) << run.err;
 }
 
 }  // namespace

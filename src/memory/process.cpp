@@ -167,6 +167,9 @@ std::atomic<unsigned int> gShardCount;  // shards built; arenas in use = 1 + thi
 // points, which describe blocks to it). One word, so the lone-thread test costs
 // what it cost before there was a checker to think of.
 std::atomic<unsigned int> gSharedPath;
+// ZoUtils.Memory.SystemAllocator: the global operators use malloc and free. Set
+// once, before the first block is handed out, together with gSharedPath.
+bool gSystemOperators;
 
 // Granule g = (address - phase) / 1 MiB, phase being the reserve's offset within a
 // MiB (the same for every region). gRegionTop[g >> 16] points to 65536 bytes, each
@@ -378,6 +381,9 @@ public:
     // line so that the common path keeps a small frame.
     void* allocate(unsigned long size, unsigned int c) {
         if (__builtin_expect(!alone(), 0)) return allocateShared(size, c);
+        return allocateAlone(size, c);
+    }
+    void* allocateAlone(unsigned long size, unsigned int c) {
         void* p = allocBlock(size, c);
         if (__builtin_expect(tPendingOutOfMemory, 0) && tInside == 0) raisePending();
         return p;
@@ -387,6 +393,7 @@ public:
         if (__builtin_expect(!alone(), 0)) return releaseShared(p);
         releaseBlock(p);
     }
+    void releaseAlone(void* p) { releaseBlock(p); }
     __attribute__((noinline)) void* allocateShared(unsigned long size, unsigned int c) {
         unsigned int i = myArena();
         Hold hold(i);
@@ -530,6 +537,11 @@ ProcessAllocator* buildProcessAllocator() {
         // unobservable). The building thread owns arena 0.
         a->init();
         if (watch::start()) gSharedPath.store(1, std::memory_order_relaxed);
+        int system = 0;
+        if (ZoIF_GetConfigNumber("ZoUtils.Memory.SystemAllocator", &system) == 0 && system != 0) {
+            gSystemOperators = true;
+            gSharedPath.store(1, std::memory_order_relaxed);
+        }
         gOwned[0].store(true, std::memory_order_relaxed);
         adopt(0, true);
         gProcess.store(a, std::memory_order_release);
@@ -544,10 +556,30 @@ inline ProcessAllocator* processAllocator() {
     return __builtin_expect(a != nullptr, 1) ? a : buildProcessAllocator();
 }
 
-inline void* processAlloc(std::size_t size) { return processAllocator()->allocate(size, tDefaultColor); }
+// The global operators. Off the lone-thread path (other threads, a memory
+// checker, or the system-allocator switch) one out-of-line step decides between
+// malloc and the arena, so the lone thread's path is the arena's and nothing else.
+__attribute__((noinline)) void* processAllocShared(ProcessAllocator* a, std::size_t size) {
+    if (gSystemOperators) return std::malloc(size);
+    return a->allocateShared(size, tDefaultColor);
+}
+
+__attribute__((noinline)) void processFreeShared(ProcessAllocator* a, void* p) {
+    if (gSystemOperators) return std::free(p);
+    a->releaseShared(p);
+}
+
+inline void* processAlloc(std::size_t size) {
+    ProcessAllocator* a = processAllocator();
+    if (__builtin_expect(!alone(), 0)) return processAllocShared(a, size);
+    return a->allocateAlone(size, tDefaultColor);
+}
 
 inline void processFree(void* p) {
-    if (p) processAllocator()->release(p);
+    if (!p) return;
+    ProcessAllocator* a = processAllocator();
+    if (__builtin_expect(!alone(), 0)) return processFreeShared(a, p);
+    a->releaseAlone(p);
 }
 
 void* alignedAlloc(std::size_t size, std::size_t alignment) {

@@ -12,12 +12,20 @@
 //                                      and leaves 40 blocks of 1000 bytes in colour
 //                                      5 and 10 of 3000 in colour 9 allocated, for
 //                                      the exit report (test_allocator_report)
+//   memory_probe double-delete          deletes one array twice (only meant to be run
+//                                      under ZoUtils.Memory.SystemAllocator, where
+//                                      glibc catches it)
+//   memory_probe operators              prints what the process allocator knows of
+//                                      a block from operator new, and of one from
+//                                      theAllocator()->alloc (test_allocator_report)
 //     overrun    8 bytes written past the block
 //     stale      a read after the block was released
 //     undefined  a branch on bytes nobody wrote
 //     leak       a block nobody points to any more
 //   paths: alloc (Allocator::theAllocator()->alloc), string (a String's buffer),
 //   page (a BSDAllocator over the process allocator).
+#include <malloc.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -175,6 +183,28 @@ void colors() {
     gLaunder = kept;
 }
 
+// Where operator new's blocks come from.
+void operators() {
+    Allocator* a = Allocator::theAllocator();
+    unsigned long before = a->allocatedMemory();
+    char* p = launder(new char[3000]);
+    std::memset(p, 1, 3000);
+    unsigned long counted = a->allocatedMemory() - before;
+    unsigned long newSize = a->size(p);
+    // Only a block that is not the arena's may be asked of malloc.
+    unsigned long usable = newSize == 0 ? malloc_usable_size(p) : 0;
+    char* q = launder(a->alloc(3000));
+    std::printf("new-size=%lu counted=%lu malloc-usable=%lu arena-size=%lu\n", newSize, counted, usable, a->size(q));
+    a->free(q);
+    delete[] p;
+}
+
+void doubleDelete() {
+    char* p = launder(new char[100]);
+    delete[] p;
+    delete[] launder(p);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -184,6 +214,8 @@ int main(int argc, char** argv) {
     } const cases[] = {
         {"clean", clean},
         {"colors", colors},
+        {"operators", operators},
+        {"double-delete", doubleDelete},
 #define CASE(f) {#f, f}
         CASE(mistake_overrun_alloc),   CASE(mistake_stale_alloc),  CASE(mistake_undefined_alloc),
         CASE(mistake_leak_alloc),      CASE(mistake_overrun_string), CASE(mistake_stale_string),
@@ -198,6 +230,6 @@ int main(int argc, char** argv) {
             return 0;
         }
     }
-    std::fprintf(stderr, "usage: memory_probe clean|colors|mistake_<overrun|stale|undefined|leak>_<alloc|string|page>\n");
+    std::fprintf(stderr, "usage: memory_probe clean|colors|operators|mistake_<overrun|stale|undefined|leak>_<alloc|string|page>\n");
     return 2;
 }
