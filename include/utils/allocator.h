@@ -98,6 +98,27 @@ public:
     //    the 8 bytes before the address returned, so they must be released with the
     //    matching aligned operator delete. Such an address is not the start of a
     //    block: size(), color() and valid() do not apply to it.
+    //
+    // Debugging aid: when the configuration key ZoUtils.Memory.SystemAllocator
+    // (environment variable ZOUTILS_MEMORY_SYSTEMALLOCATOR, ZOSYS_CONFIG, the XDG
+    // files; see zosys.h) is a number other than 0 when this allocator is built,
+    // the global operator new and operator delete use the C library's malloc and
+    // free instead, so that heap tools and glibc's checks see the whole program.
+    // Only the operators change: this allocator stays the arena (String buffers
+    // and alloc() calls keep using it). Under the switch a block from operator new
+    // is not the arena's: size() and color() answer 0 for it, valid() false, it
+    // is in no counter (allocatedMemory(), colours, MemoryColor do not apply), and
+    // the limit of 0x3FFFFE8 bytes and the null on exhaustion are malloc's. The
+    // key is read once; changing it later has no effect on the running process.
+    //
+    // Memory checkers. Blocks of this allocator, of every MemoryAllocator,
+    // BSDAllocator and SimpleAllocator are described to valgrind's memcheck when
+    // the program runs under it (the requested bytes are the caller's, released
+    // blocks and the allocator's bookkeeping are off limits), and, in a library
+    // built with AddressSanitizer, poisoned the same way. size() makes the whole
+    // usable size the caller's. The lone-thread path of this allocator is left
+    // while memcheck watches, and when it does not the description costs it
+    // nothing.
     static Allocator* theAllocator();
 
 protected:
