@@ -452,6 +452,10 @@ public:
     void checkCounts();
     // Adds this allocator's blocks, regions and free runs to a memory report's census.
     ZO_INTERNAL void census(detail::MemoryCensus& c) const;
+    // Checks the directory, the free runs, the chunk pages and lists, and every
+    // counter against each other. Null when all holds, else a text naming the
+    // first fault (valid until the calling thread's next verify). Allocates nothing.
+    char const* verify() const;
 
     BSDAllocator(BSDAllocator const&) = delete;
     BSDAllocator& operator=(BSDAllocator const&) = delete;
@@ -474,6 +478,8 @@ private:
     void give(void* p);
     unsigned long usable(void* p) const;
     void keepRegion(void* raw, unsigned long bytes);
+    unsigned long entryAt(void const* p) const;
+    bool isLiveRecord(void const* rec) const;
     char* adoptRegion(char* start, unsigned long got, unsigned long directoryPages, unsigned long origin,
                       unsigned long pages);
     unsigned long directoryPagesFor(char const* start, unsigned long got, unsigned long* origin) const;

@@ -38,6 +38,7 @@
 // of the run it releases into a page of records. So mapPages (which releases
 // surplus pages and old directories) can never recurse into itself.
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 #include "memory/bsdalloc_internal.h"
@@ -635,6 +636,161 @@ unsigned long BSDAllocator::allocatedMemory() const { return allocatedTotal(); }
 unsigned long BSDAllocator::internalFree() const { return internalFreeBytes; }
 
 void BSDAllocator::checkCounts() {}
+
+// ---------------------------------------------------------------------------
+// The verifier: every invariant of the drawing at the top, checked against the
+// directory, the runs, the chunk lists and the counters.
+// ---------------------------------------------------------------------------
+// The directory entry of p's page; kNotOwned outside the directory.
+unsigned long BSDAllocator::entryAt(void const* p) const {
+    unsigned long index = pageNumber(p) - originPage;
+    return inDirectory(index) ? directory[index] : kNotOwned;
+}
+
+// A free-run record is a colour-0 chunk of the record size that is allocated.
+bool BSDAllocator::isLiveRecord(void const* rec) const {
+    unsigned long e = entryAt(rec);
+    if (e <= kRunFollow) return false;
+    pginfo const* info = reinterpret_cast<pginfo const*>(e);
+    if (info->color != 0 || info->shift != kRunShift) return false;
+    unsigned long k = (reinterpret_cast<std::uintptr_t>(rec) % kPageSize) >> info->shift;
+    if (reinterpret_cast<std::uintptr_t>(rec) % info->size) return false;
+    return !((info->bits()[k / 32] >> (k % 32)) & 1);
+}
+
+char const* BSDAllocator::verify() const {
+    BSDAllocator const& a = *this;
+    using A = BSDAllocator;
+    // Faults that carry numbers are formatted into a per-thread buffer.
+    static thread_local char buf[256];
+    auto fail = [&](char const* what, unsigned long x, unsigned long y) -> char const* {
+        std::snprintf(buf, sizeof buf, "%s (%lu, %lu)", what, x, y);
+        return buf;
+    };
+    if (!a.directory) {
+        if (a.freeRuns || a.allocatedTotal() || a.internalFreeBytes) return "counters or runs without a directory";
+        return nullptr;
+    }
+    if (a.lastIndex >= a.directorySize) return fail("lastIndex beyond the directory", a.lastIndex, a.directorySize);
+    if (a.directorySize % kEntriesPerPage) return fail("directory not whole pages", a.directorySize, 0);
+    for (unsigned long i = a.lastIndex + 1; i < a.directorySize; ++i)
+        if (a.directory[i]) return fail("entry beyond lastIndex", i, a.directory[i]);
+
+    // The directory's own pages: a colour-0 run of exactly its size.
+    unsigned long dirIndex = pageNumber(a.directory) - a.originPage;
+    unsigned long dirPages = a.directorySize / kEntriesPerPage;
+    if (reinterpret_cast<std::uintptr_t>(a.directory) % kPageSize) return "directory not page aligned";
+    if (!a.inDirectory(dirIndex) || a.directory[dirIndex] != kRunFirst)
+        return fail("directory's first page not a colour-0 run", dirIndex, 0);
+    for (unsigned long k = 1; k < dirPages; ++k)
+        if (a.directory[dirIndex + k] != kRunFollow) return fail("directory run too short", k, dirPages);
+    if (dirIndex + dirPages <= a.lastIndex && a.directory[dirIndex + dirPages] == kRunFollow)
+        return "directory run too long";
+
+    unsigned long allocated[A::kColors + 1] = {};
+    unsigned long freeChunkBytes[A::kColors + 1] = {};
+    unsigned long listedExpected[A::kColors][A::kShifts] = {};
+    unsigned long freePages = 0, ownedPages = 0, allocatedPages = 0;
+    unsigned long runColor = 0;
+    bool inRun = false;
+    for (unsigned long i = 0; i <= a.lastIndex; ++i) {
+        unsigned long e = a.directory[i];
+        char* page = reinterpret_cast<char*>((a.originPage + i) << kPageShift);
+        if (e == kNotOwned) { inRun = false; continue; }
+        ++ownedPages;
+        if (e == kFreePage) { ++freePages; inRun = false; continue; }
+        if (e < kRunFollow) {
+            runColor = e - kRunFirst;
+            inRun = true;
+            allocated[runColor] += kPageSize;
+            ++allocatedPages;
+            continue;
+        }
+        if (e == kRunFollow) {
+            if (!inRun) return fail("following page without a run", i, 0);
+            allocated[runColor] += kPageSize;
+            ++allocatedPages;
+            continue;
+        }
+        inRun = false;
+        A::pginfo const* info = reinterpret_cast<A::pginfo const*>(e);
+        if (info->page != page) return fail("pginfo of another page", i, 0);
+        if (info->shift < kMinShift || info->shift > kMaxShift) return fail("bad shift", i, info->shift);
+        if (info->size != (1u << info->shift)) return fail("size and shift disagree", i, info->size);
+        if (A::pginfo::inPage(info->shift) != (reinterpret_cast<char const*>(info) == page))
+            return fail("pginfo placement", i, info->shift);
+        if (info->total != A::pginfo::chunksPerPage(info->shift)) return fail("chunk total", i, info->total);
+        unsigned long n = kPageSize >> info->shift, set = 0;
+        unsigned long covered = n - info->total;
+        for (unsigned long w = 0; w < (n + 31) / 32; ++w) {
+            // Bits may be set only for the chunks [covered, n) that this word holds.
+            unsigned long lo = covered > 32 * w ? covered - 32 * w : 0;
+            unsigned long hi = n < 32 * w + 32 ? n - 32 * w : 32;
+            std::uint32_t allowed = 0;
+            if (hi > lo) allowed = static_cast<std::uint32_t>(((hi - lo == 32 ? ~0ul : (1ul << (hi - lo)) - 1)) << lo);
+            std::uint32_t word = info->bits()[w];
+            if (word & ~allowed) return fail("bit set outside the chunks", i, w);
+            set += static_cast<unsigned long>(__builtin_popcount(word));
+        }
+        if (set != info->free) return fail("free count differs from bitmap", i, set);
+        if (info->free >= info->total) return fail("all chunks free but page kept", i, info->free);
+        allocated[info->color] += kPageSize;
+        ++allocatedPages;
+        freeChunkBytes[info->color] +=
+            kPageSize - static_cast<unsigned long>(info->total - info->free) * info->size;
+        if (info->free) ++listedExpected[info->color][info->shift];
+    }
+
+    // Free runs against the directory.
+    unsigned long runBytes = 0, runPages = 0;
+    A::FreeRun* const* expectPrev = &a.freeRuns;
+    char* lastEnd = nullptr;
+    for (A::FreeRun* r = a.freeRuns; r; r = r->next) {
+        if (r->prev != expectPrev) return "run record's back link";
+        expectPrev = &r->next;
+        if (r->start >= r->end || r->size != static_cast<unsigned long>(r->end - r->start))
+            return "run record's bounds";
+        if ((reinterpret_cast<std::uintptr_t>(r->start) | r->size) % kPageSize) return "run not whole pages";
+        if (lastEnd && r->start <= lastEnd) return "runs out of order or touching";
+        lastEnd = r->end;
+        for (char* p = r->start; p < r->end; p += kPageSize)
+            if (entryAt(p) != kFreePage) return fail("page of a run not marked free", pageNumber(p), 0);
+        if (!isLiveRecord(r)) return "run record is not a live record chunk";
+        runBytes += r->size;
+        runPages += r->size >> kPageShift;
+    }
+    if (runPages != freePages) return fail("free pages outside the runs", freePages, runPages);
+    if (a.spareRun && !isLiveRecord(a.spareRun)) return "spare record is not a live record chunk";
+
+    // Chunk lists against the directory.
+    for (unsigned c = 0; c < A::kColors; ++c)
+        for (unsigned s = 0; s < A::kShifts; ++s) {
+            unsigned long listed = 0;
+            for (A::pginfo* i = a.chunkLists[c][s]; i; i = i->next) {
+                if (i->color != c || i->shift != s || i->free == 0) return fail("listed page", c, s);
+                if (entryAt(i->page) != reinterpret_cast<unsigned long>(i)) return fail("listed page's entry", c, s);
+                if (++listed > listedExpected[c][s]) return fail("list longer than its pages", c, s);
+            }
+            if (listed != listedExpected[c][s]) return fail("chunk page with free chunks not listed", c, s);
+        }
+
+    // Counters.
+    unsigned long total = 0;
+    for (unsigned c = 0; c < A::kColors; ++c) {
+        total += allocated[c];
+        if (a.allocatedByColor()[c] != static_cast<unsigned int>(allocated[c]))
+            return fail("allocatedByColor", c, a.allocatedByColor()[c]);
+        if (a.freeByColor()[c] != static_cast<unsigned int>(freeChunkBytes[c]))
+            return fail("freeByColor", c, a.freeByColor()[c]);
+    }
+    if (a.allocatedTotal() != static_cast<unsigned int>(total)) return fail("allocatedTotal", a.allocatedTotal(), total);
+    if (total != allocatedPages * kPageSize) return "allocated pages";
+    if (a.internalFreeBytes != static_cast<unsigned int>(runBytes))
+        return fail("internalFree", a.internalFreeBytes, runBytes);
+    if (a.obtainedBytes < ownedPages * kPageSize) return fail("owned more than obtained", ownedPages, a.obtainedBytes);
+    return nullptr;
+}
+
 
 // The census for the memory report: page runs and chunks from the directory, free
 // runs from their list; a region is a stretch of owned directory entries (regions
