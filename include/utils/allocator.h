@@ -479,6 +479,9 @@ private:
     unsigned long usable(void* p) const;
     void keepRegion(void* raw, unsigned long bytes);
     unsigned long entryAt(void const* p) const;
+    bool lookup(void const* p, bool junk, unsigned long* index, unsigned long* entry) const;
+    unsigned long runPages(unsigned long index) const;
+    void fillRun(unsigned long index, unsigned long pages, unsigned int color);
     bool isLiveRecord(void const* rec) const;
     char* adoptRegion(char* start, unsigned long got, unsigned long directoryPages, unsigned long origin,
                       unsigned long pages);

@@ -206,9 +206,14 @@ unsigned long BSDAllocator::directoryPagesFor(char const* start, unsigned long g
     return capacity / kEntriesPerPage;
 }
 
-void BSDAllocator::markRun(unsigned long index, unsigned long pages, unsigned int color) {
+// A run's directory entries: its first page, then the following pages.
+void BSDAllocator::fillRun(unsigned long index, unsigned long pages, unsigned int color) {
     directory[index] = kRunFirst + color;
     for (unsigned long k = 1; k < pages; ++k) directory[index + k] = kRunFollow;
+}
+
+void BSDAllocator::markRun(unsigned long index, unsigned long pages, unsigned int color) {
+    fillRun(index, pages, color);
     allocatedTotal() += static_cast<unsigned int>(pages << kPageShift);
     allocatedByColor()[color] += static_cast<unsigned int>(pages << kPageShift);
 }
@@ -307,9 +312,8 @@ void* BSDAllocator::allocPages(unsigned long size, unsigned int color) {
         p = static_cast<char*>(mapPages(pages));
         if (!p) return nullptr;
     }
-    unsigned long index = pageNumber(p) - originPage;
-    directory[index] = kRunFirst + color;
-    for (unsigned long k = 1; k < pages; ++k) directory[index + k] = kRunFollow;
+    // Counted above, before mapping: the entries only.
+    fillRun(pageNumber(p) - originPage, pages, color);
     if (unlinked) releaseRecord(unlinked);
     watch::expose(p, pages << kPageShift);
     return p;
@@ -392,8 +396,7 @@ void BSDAllocator::freePages(void* ptr, unsigned long index, unsigned long entry
         return;
     }
     unsigned int color = static_cast<unsigned int>(entry - kRunFirst);
-    unsigned long pages = 1;
-    while (index + pages <= lastIndex && directory[index + pages] == kRunFollow) ++pages;
+    unsigned long pages = runPages(index);
     char* start = static_cast<char*>(ptr);
     char* end = start + (pages << kPageShift);
     for (unsigned long k = 0; k < pages; ++k) directory[index + k] = kFreePage;
@@ -558,30 +561,41 @@ unsigned long BSDAllocator::size(void* p) const {
     return n;
 }
 
-unsigned long BSDAllocator::usable(void* p) const {
-    if (!p) return 0;
+// The prologue of size, color and valid: false for null and for an address
+// outside the directory (logged as junk when `junk`), else p's page index and its
+// directory entry.
+bool BSDAllocator::lookup(void const* p, bool junk, unsigned long* index, unsigned long* entry) const {
+    if (!p) return false;
     // Unsigned: an address below the origin wraps to a large index.
-    unsigned long index = pageNumber(p) - originPage;
-    if (!inDirectory(index)) {
-        BSD_WARNING("junk pointer, too high to make sense");
-        return 0;
+    unsigned long i = pageNumber(p) - originPage;
+    if (!inDirectory(i)) {
+        if (junk) BSD_WARNING("junk pointer, too high to make sense");
+        return false;
     }
-    unsigned long entry = directory[index];
-    if (entry > kRunFollow) return reinterpret_cast<pginfo*>(entry)->size;
-    if (entry < kRunFirst) return 0;
+    *index = i;
+    *entry = directory[i];
+    return true;
+}
+
+// The pages of the run whose first page has directory index `index`: it and the
+// following pages after it.
+unsigned long BSDAllocator::runPages(unsigned long index) const {
     unsigned long pages = 1;
     while (index + pages <= lastIndex && directory[index + pages] == kRunFollow) ++pages;
-    return pages << kPageShift;
+    return pages;
+}
+
+unsigned long BSDAllocator::usable(void* p) const {
+    unsigned long index, entry;
+    if (!lookup(p, true, &index, &entry)) return 0;
+    if (entry > kRunFollow) return reinterpret_cast<pginfo*>(entry)->size;
+    if (entry < kRunFirst) return 0;
+    return runPages(index) << kPageShift;
 }
 
 unsigned int BSDAllocator::color(void* p) const {
-    if (!p) return 0;
-    unsigned long index = pageNumber(p) - originPage;
-    if (!inDirectory(index)) {
-        BSD_WARNING("junk pointer, too high to make sense");
-        return 0;
-    }
-    unsigned long entry = directory[index];
+    unsigned long index, entry;
+    if (!lookup(p, true, &index, &entry)) return 0;
     if (entry > kRunFollow) return reinterpret_cast<pginfo*>(entry)->color;
     if (entry < kRunFirst) return 0;
     // A following page answers for its run.
@@ -592,10 +606,8 @@ unsigned int BSDAllocator::color(void* p) const {
 unsigned int BSDAllocator::setColor(void*, unsigned int) { return raiseError(kResultFailure); }
 
 bool BSDAllocator::valid(void* p) const {
-    if (!p) return false;
-    unsigned long index = pageNumber(p) - originPage;
-    if (!inDirectory(index)) return false;
-    unsigned long entry = directory[index];
+    unsigned long index, entry;
+    if (!lookup(p, false, &index, &entry)) return false;
     if (entry > kRunFollow) {
         pginfo const* info = reinterpret_cast<pginfo const*>(entry);
         if (addr(p) % info->size) return false;
@@ -809,8 +821,7 @@ void BSDAllocator::census(detail::MemoryCensus& c) const {
             for (unsigned k = 0; k < info->total; ++k) c.count(info->size, k >= info->free);
             ++i;
         } else if (entry >= kRunFirst && entry < kRunFollow) {
-            unsigned long pages = 1;
-            while (i + pages <= lastIndex && directory[i + pages] == kRunFollow) ++pages;
+            unsigned long pages = runPages(i);
             c.count(pages << kPageShift, true);
             i += pages;
         } else {
