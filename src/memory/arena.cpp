@@ -89,6 +89,7 @@
 
 #include "containers/wtree_core.h"
 #include "memory/census.h"
+#include "memory/debug.h"
 #include "memory/watch.h"
 #include "utils/allocator.h"
 #include "utils/result.h"
@@ -549,8 +550,16 @@ ZO_STEP MemoryAllocator::MemHead* MemoryAllocator::allocCandidate(unsigned long 
     return m;
 }
 
+// Head and trailer of an ordinary busy block agree (its trailer holds size | busy).
+inline bool taggedBusy(Head const* h) {
+    unsigned long size = blockSize(h);
+    return (word(h) & kBusy) && size > 64 && word(h + size - 4) == (size | kBusy);
+}
+
 ZO_STEP void MemoryAllocator::splitBlock(MemHead* m, unsigned long n) {
     Head* h = H(m);
+    ZO_CHECK(taggedBusy(h), "splitBlock: the block's head and trailer disagree, or it is not busy");
+    ZO_CHECK(n % 16 == 0 && n >= 32 && n <= blockSize(h), "splitBlock: a cut that is not inside the block");
     unsigned long remainder = blockSize(h) - n;
     if (remainder < 65) return;  // for multiples of 16: under 80 bytes, the caller gets it all
     Head* t = h + n;
@@ -560,10 +569,14 @@ ZO_STEP void MemoryAllocator::splitBlock(MemHead* m, unsigned long n) {
     word(h) = static_cast<unsigned int>(n | kBusy);
     setTrailer(h, n);
     keepAsSpare(MH(t));  // freeLoser, with the tail kept out of the index
+    ZO_CHECK(taggedBusy(h), "splitBlock: the kept part's tags");
+    ZO_CHECK(!(word(t) & kBusy) && word(t + remainder - 4) == (remainder | kBusy), "splitBlock: the rest's tags");
 }
 
 ZO_STEP MemoryAllocator::MemHead* MemoryAllocator::coalesce(MemHead* m) {
     Head* h = H(m);
+    ZO_CHECK(taggedBusy(h), "coalesce: the released block's head and trailer disagree");
+    ZO_CHECK(h + blockSize(h) <= H(arenaEnd), "coalesce: the block runs past the arena");
     // Neighbours whose joint size would not fit the size bits stay apart.
     Head* next = h + blockSize(h);
     if (next < H(arenaEnd) && !(word(next) & kBusy) && blockSize(h) + blockSize(next) <= kMaxBlock) {
@@ -588,6 +601,7 @@ ZO_STEP MemoryAllocator::MemHead* MemoryAllocator::coalesce(MemHead* m) {
     unsigned long size = blockSize(previous) + blockSize(h);
     word(previous) = static_cast<unsigned int>(size | kBusy);
     setTrailer(previous, size);
+    ZO_CHECK(taggedBusy(previous), "coalesce: the merged block's tags");
     return MH(previous);
 }
 
@@ -812,6 +826,8 @@ ZO_STEP void MemoryAllocator::freeSmall(MemHead* m) {
 // last steps.
 ZO_STEP unsigned long MemoryAllocator::freeSmallBlock(MemHead* m) {
     Head* h = H(m);
+    ZO_CHECK((word(h) & kBusy) && (blockSize(h) == 32 || blockSize(h) == 64),
+             "free: a small block that is not busy (released twice?) or of a wrong size");
     unsigned int c = word(h) >> kColorShift;
     word(h) &= ~kColorMask;
     colorWord(h) = c;
@@ -823,12 +839,14 @@ ZO_STEP unsigned long MemoryAllocator::freeSmallBlock(MemHead* m) {
 
 unsigned long MemoryAllocator::_free(void* p) {
     MemHead* m = MH(H(p) - 4);
+    ZO_CHECK(word(H(m)) & kBusy, "_free: the block is not busy (released twice?)");
     return blockSize(H(m)) <= 64 ? freeSmallBlock(m) : freeOrdinaryBlock(m);
 }
 
 // Releases an ordinary block: _free's steps for a block larger than 64 bytes.
 ZO_STEP unsigned long MemoryAllocator::freeOrdinaryBlock(MemHead* m) {
     Head* h = H(m);
+    ZO_CHECK(taggedBusy(h) && !(word(h) & kBridge), "free: the block's head and trailer disagree (released twice?)");
     unsigned int c = word(h) >> kColorShift;
     word(h) &= ~kColorMask;  // the colour word is written once merging is done
     unsigned long size = blockSize(h);
@@ -858,13 +876,32 @@ ZO_STEP unsigned long MemoryAllocator::freeOrdinaryBlock(MemHead* m) {
 // ---------------------------------------------------------------------------
 // The interface.
 // ---------------------------------------------------------------------------
+// Debug level 2: this arena's verifier after each mutation; the process
+// allocator's arenas (over a host) after every 256th (memory/debug.h).
+#if ZO_DEBUG_LEVEL >= 2
+namespace {
+void verifyAfterMutation(MemoryAllocator const* a, Allocator* parent) {
+    if (dynamic_cast<HostAllocator*>(parent)) {
+        static thread_local unsigned int mutations;
+        if (++mutations % 256) return;
+    }
+    if (char const* fault = a->MemoryAllocator::verify()) detail::allocatorCheckFailed(fault, __FILE__, __LINE__);
+}
+}  // namespace
+#define ZO_ARENA_MUTATED() verifyAfterMutation(this, parent)
+#else
+#define ZO_ARENA_MUTATED() ((void)0)
+#endif
+
 // The virtual entry points describe their blocks to a memory checker when one
 // watches; allocBlock and releaseBlock, the process allocator's lone-thread path,
 // never do (the process allocator leaves that path while watched).
 void* MemoryAllocator::alloc(unsigned long size) {
     if (size > kMaxRequest) return nullptr;
     if (watch::on()) return watchedAlloc(size, defaultColor());
-    return _alloc(size, defaultColor());
+    void* p = _alloc(size, defaultColor());
+    ZO_ARENA_MUTATED();
+    return p;
 }
 
 void* MemoryAllocator::alloc(unsigned long size, unsigned int color) {
@@ -878,6 +915,7 @@ __attribute__((noinline)) void* MemoryAllocator::watchedAlloc(unsigned long size
     {
         watch::Quiet quiet;
         p = _alloc(size, color);
+        ZO_ARENA_MUTATED();
         if (!p) return nullptr;
         usable = blockSize(H(p) - 4) - 8;
     }
@@ -904,7 +942,9 @@ __attribute__((noinline)) void MemoryAllocator::watchedRelease(void* p) {
 
 void* MemoryAllocator::allocBlock(unsigned long size, unsigned int color) {
     if (size > kMaxRequest) return nullptr;
-    return _alloc(size, color);
+    void* p = _alloc(size, color);
+    ZO_ARENA_MUTATED();
+    return p;
 }
 
 void MemoryAllocator::free(void* p) {
@@ -919,10 +959,12 @@ void MemoryAllocator::releaseBlock(void* p) {
     MemHead* m = MH(H(p) - 4);
     if (blockSize(H(m)) > 64) return releaseOrdinary(p);
     allocatedTotal -= freeSmallBlock(m);
+    ZO_ARENA_MUTATED();
 }
 
 __attribute__((noinline)) void MemoryAllocator::releaseOrdinary(void* p) {
     allocatedTotal -= freeOrdinaryBlock(MH(H(p) - 4));
+    ZO_ARENA_MUTATED();
 }
 
 MemoryAllocator::MemHead* MemoryAllocator::header(void* p) const {

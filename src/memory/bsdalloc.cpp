@@ -43,6 +43,7 @@
 
 #include "memory/bsdalloc_internal.h"
 #include "memory/census.h"
+#include "memory/debug.h"
 #include "memory/watch.h"
 #include "utils/log.h"
 #include "utils/result.h"
@@ -478,6 +479,9 @@ void* BSDAllocator::allocBytes(unsigned long size, unsigned int color) {
     unsigned int w = 0;
     while (!bits[w]) ++w;
     unsigned int b = static_cast<unsigned int>(__builtin_ctz(bits[w]));
+    ZO_CHECK(info->free > 0 && info->free <= info->total && 32 * w + b < (kPageSize >> shift) &&
+                 32 * w + b >= (kPageSize >> shift) - info->total,
+             "allocBytes: a listed chunk page whose free count or bitmap is wrong");
     bits[w] &= ~(1u << b);
     if (--info->free == 0) chunkLists[color][shift] = info->next;
     char* chunk = info->page + (static_cast<unsigned long>(32 * w + b) << shift);
@@ -488,6 +492,9 @@ void* BSDAllocator::allocBytes(unsigned long size, unsigned int color) {
 void BSDAllocator::freeBytes(void* p, unsigned long index, pginfo* info) {
     watch::hide(p, info->size);
     unsigned int k = static_cast<unsigned int>((addr(p) % kPageSize) >> info->shift);
+    ZO_CHECK(info->page == reinterpret_cast<char*>(addr(p) & ~(kPageSize - 1)) && info->free < info->total,
+             "freeBytes: the chunk's page record is of another page, or has no chunk in use");
+    ZO_CHECK(k >= (kPageSize >> info->shift) - info->total, "freeBytes: a chunk under the page's own record");
     info->bits()[k / 32] |= 1u << (k % 32);
     ++info->free;
     freeByColor()[info->color] += info->size;
@@ -526,6 +533,7 @@ void* BSDAllocator::imalloc(unsigned long size, unsigned int color) {
         unsigned long usable = size <= kMaxChunk ? 1ul << shiftFor(size) : (size + kPageSize - 1) & ~(kPageSize - 1);
         watch::poolHandOut(this, p, size, usable);
     }
+    ZO_VERIFY_AFTER(this);
     return p;
 }
 
@@ -533,6 +541,7 @@ void BSDAllocator::ifree(void* p) {
     // Reports a release of anything but a live block.
     if (watch::on()) watch::poolTakeBack(this, p);
     give(p);
+    ZO_VERIFY_AFTER(this);
 }
 
 void BSDAllocator::give(void* p) {

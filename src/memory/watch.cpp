@@ -2,6 +2,10 @@
 // hand-over of a region between two of the library's allocators.
 #include "memory/watch.h"
 
+#include <cstdio>
+#include <cstdlib>
+
+#include "memory/debug.h"
 #include "utils/allocator.h"
 
 namespace Utils {
@@ -64,4 +68,10 @@ void adoptRegion(Allocator* parent, void* region, std::size_t bytes) {
 }
 
 }  // namespace watch
+
+void detail::allocatorCheckFailed(char const* what, char const* file, int line) {
+    std::fprintf(stderr, "zoutils: allocator check failed at %s:%d: %s\n", file, line, what);
+    std::abort();
+}
+
 }  // namespace Utils

@@ -1,0 +1,38 @@
+// Checks inside the allocators, compiled in by the debug level (ZO_DEBUG_LEVEL,
+// from the build's ZOUTILS_DEBUG_LEVEL; the dev and asan presets use 2):
+//   0  nothing (release, test and bench builds): the checks cost nothing;
+//   1  assertions in the helpers: head and trailer tags of the blocks a split, a
+//      merge or a release works on, and the chunk bitmaps of the page allocator;
+//   2  also the structure's verifier after every public mutation of a private
+//      arena or page allocator, and after every 256th of the process allocator
+//      (whose mutations are every operator new of the program: verifying each would
+//      make a test suite quadratic).
+// A failed check prints what failed and where, then aborts.
+#ifndef ZO_MEMORY_DEBUG_H
+#define ZO_MEMORY_DEBUG_H
+
+#ifndef ZO_DEBUG_LEVEL
+#define ZO_DEBUG_LEVEL 0
+#endif
+
+namespace Utils {
+namespace detail {
+[[noreturn]] void allocatorCheckFailed(char const* what, char const* file, int line) __attribute__((visibility("hidden")));
+}  // namespace detail
+}  // namespace Utils
+
+#define ZO_CHECK(cond, what)                                                                          \
+    do {                                                                                              \
+        if (ZO_DEBUG_LEVEL >= 1 && __builtin_expect(!(cond), 0))                                      \
+            ::Utils::detail::allocatorCheckFailed(what, __FILE__, __LINE__);                          \
+    } while (0)
+
+// The verifier of `object` (a pointer), at level 2.
+#define ZO_VERIFY_AFTER(object)                                                                       \
+    do {                                                                                              \
+        if (ZO_DEBUG_LEVEL >= 2)                                                                      \
+            if (char const* fault_ = (object)->verify())                                              \
+                ::Utils::detail::allocatorCheckFailed(fault_, __FILE__, __LINE__);                    \
+    } while (0)
+
+#endif
