@@ -27,6 +27,8 @@
 
 #include "foundation/result_tables.h"
 #include "log/held_lock.h"
+#include "misc/constinit.h"
+#include "platform/platform.h"
 #include "utils/avltree.h"
 #include "utils/log.h"
 #include "utils/vector.h"
@@ -46,7 +48,7 @@ union Undestroyed {
     T value;
 };
 
-std::mutex gResultLock;
+ZO_CONSTINIT platform::TableLock gResultLock;
 Undestroyed<AVLTree<unsigned long, unsigned int>> gLastErrors;  // task -> last raised code
 Undestroyed<Vector<unsigned int>> gSuppressed;                   // unordered, duplicates allowed
 AVLTree<unsigned int, char const*>* gTexts = nullptr;            // code -> caller's text, not copied

@@ -11,8 +11,6 @@
 // it sees a non-zero count and only returns the code.
 #pragma once
 
-#include <mutex>
-
 #include "utils/export.h"
 
 namespace Utils {
@@ -22,9 +20,10 @@ namespace detail {
 // Exported for the library's tests.
 ZO_TEST_API int& heldLockDepth();
 
+template <class Lock>
 class HeldLock {
 public:
-    explicit HeldLock(std::mutex& m) : mutex(m) {
+    explicit HeldLock(Lock& m) : mutex(m) {
         mutex.lock();
         ++heldLockDepth();
     }
@@ -36,7 +35,7 @@ public:
     HeldLock& operator=(HeldLock const&) = delete;
 
 private:
-    std::mutex& mutex;
+    Lock& mutex;
 };
 
 }  // namespace detail

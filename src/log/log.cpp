@@ -37,6 +37,8 @@
 
 #include "log/held_lock.h"
 #include "log/log_internal.h"
+#include "misc/constinit.h"
+#include "platform/platform.h"
 #include "utils/log.h"
 #include "zosys.h"
 
@@ -56,8 +58,8 @@ using detail::HeldLock;
 
 namespace {
 
-std::mutex gSinkLock;    // sink reference counts, theDefaultLogger_, every LogClass::logger
-std::mutex gCreateLock;  // the first theLog()
+ZO_CONSTINIT platform::TableLock gSinkLock;    // sink reference counts, theDefaultLogger_, every LogClass::logger
+ZO_CONSTINIT platform::TableLock gCreateLock;  // the first theLog()
 
 constexpr unsigned int kLineBuffer = 481;  // 480 characters and the NUL
 constexpr unsigned int kLineLimit = 480;

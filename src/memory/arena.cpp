@@ -80,8 +80,6 @@
 // sizes; allocatedByColor[c] = the same per colour + what setColor and
 // adjustColorMemory added (colorAdjustments); freeTotal = free ordinary + free small
 // blocks = sum of freeByColor.
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -91,6 +89,7 @@
 #include "memory/census.h"
 #include "memory/debug.h"
 #include "memory/watch.h"
+#include "platform/platform.h"
 #include "utils/allocator.h"
 #include "utils/result.h"
 #include "zosys.h"
@@ -278,13 +277,10 @@ WTreeNodeBase* findExact(WTreeNodeBase* n, void const* payload, WTreeCompare com
 struct Scratch {
     void* p = nullptr;
     std::size_t bytes = 0;
-    explicit Scratch(std::size_t n) : bytes(n ? n : 1) {
-        p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (p == MAP_FAILED) p = nullptr;
-    }
-    ~Scratch() {
-        if (p) munmap(p, bytes);
-    }
+    explicit Scratch(std::size_t n) : p(platform::mapScratch(n)), bytes(n) {}
+    ~Scratch() { platform::unmapScratch(p, bytes); }
+    Scratch(Scratch const&) = delete;
+    Scratch& operator=(Scratch const&) = delete;
 };
 
 }  // namespace

@@ -1,7 +1,6 @@
-// The process allocator: the arena behind every operator new of the program, the
-// locks and per-thread arenas that make it safe and fast under threads,
-// MemoryColor, and the global operator new and operator delete in every
-// replaceable form.
+// The process allocator: the arena behind every operator new of the program (the
+// operators themselves are in operators.cpp), the per-thread arenas and their
+// locks that make it safe and fast under threads, HostAllocator and MemoryColor.
 //
 // Arenas. Arena 0 is the MemoryAllocator object that theAllocator() returns; its
 // parent is the HostAllocator. The first thread that allocates owns it. While it is
@@ -21,10 +20,9 @@
 // Counters are exact: a query takes every arena's lock, in index order, and adds
 // the arenas' counters up, so it sees one moment of the whole process.
 //
-// Locks. One futex word per arena, statically zero-initialised, so it works
-// before any constructor has run. It is re-entrant from the owning thread (the
-// owner is the address of a thread-local byte) and is reset in the child after
-// fork (every lock is taken around fork by pthread_atfork). Arena locks are the
+// Locks. One platform::ProcessLock per arena, statically zero-initialised, so it
+// works before any constructor has run; re-entrant from the owning thread, and
+// reset in the child after fork (every lock is taken around fork). Arena locks are the
 // innermost locks of the library: nothing called with one held takes another
 // library lock, and HostAllocator defers raising 0x80000002 until the thread has
 // left the allocator, so that listeners and the log run unlocked and may allocate.
@@ -45,13 +43,6 @@
 // theAllocator() call and never torn down. The arena's destructor, registered with
 // atexit, releases nothing; the object stays usable afterwards, so that static
 // destructors that run later can still free.
-#include <linux/futex.h>
-#include <pthread.h>
-#include <sys/mman.h>
-#include <sys/single_threaded.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -60,7 +51,10 @@
 #include <new>
 
 #include "memory/census.h"
+#include "memory/process_internal.h"
 #include "memory/watch.h"
+#include "misc/constinit.h"
+#include "platform/platform.h"
 #include "utils/allocator.h"
 #include "utils/result.h"
 #include "zosys.h"
@@ -71,7 +65,6 @@ namespace {
 
 constexpr unsigned int kArenas = 64;  // arena 0 and up to 63 shards
 
-__attribute__((tls_model("initial-exec"))) thread_local char tIdentity;
 __attribute__((tls_model("initial-exec"))) thread_local unsigned int tInside;  // allocator calls under way
 __attribute__((tls_model("initial-exec"))) thread_local bool tPendingOutOfMemory;
 __attribute__((tls_model("initial-exec"))) thread_local bool tRaising;
@@ -81,61 +74,10 @@ __attribute__((tls_model("initial-exec"))) thread_local unsigned char tArena;
 // an allocation does not call into the system layer for it.
 __attribute__((tls_model("initial-exec"))) thread_local unsigned int tDefaultColor;
 
-// ---------------------------------------------------------------------------
-// Arena locks.
-// ---------------------------------------------------------------------------
-// One cache line each: threads on their own arenas must not share lock lines.
-struct alignas(64) ArenaLock {
-    std::atomic<int> state;  // 0 free, 1 held, 2 held with sleepers
-    std::atomic<std::uintptr_t> owner;
-    unsigned int depth;  // written by the owner only
-};
-ArenaLock gLocks[kArenas];  // zero-initialised: usable before any constructor
+using platform::ProcessLock;
 
-inline std::uintptr_t self() { return reinterpret_cast<std::uintptr_t>(&tIdentity); }
-
-void futexWait(std::atomic<int>* word, int value) {
-    syscall(SYS_futex, reinterpret_cast<int*>(word), FUTEX_WAIT_PRIVATE, value, nullptr, nullptr, 0);
-}
-void futexWake(std::atomic<int>* word) {
-    syscall(SYS_futex, reinterpret_cast<int*>(word), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-}
-
-void lockSlow(ArenaLock& l) {
-    for (int spin = 0; spin < 64; ++spin) {
-#if defined(__x86_64__) || defined(__i386__)
-        __builtin_ia32_pause();
-#endif
-        int expected = 0;
-        if (l.state.load(std::memory_order_relaxed) == 0 &&
-            l.state.compare_exchange_weak(expected, 1, std::memory_order_acquire, std::memory_order_relaxed))
-            return;
-    }
-    int c = l.state.exchange(2, std::memory_order_acquire);
-    while (c != 0) {
-        futexWait(&l.state, 2);
-        c = l.state.exchange(2, std::memory_order_acquire);
-    }
-}
-
-inline void lock(ArenaLock& l) {
-    std::uintptr_t me = self();
-    if (l.owner.load(std::memory_order_relaxed) == me) {
-        ++l.depth;
-        return;
-    }
-    int expected = 0;
-    if (!l.state.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed))
-        lockSlow(l);
-    l.owner.store(me, std::memory_order_relaxed);
-    l.depth = 1;
-}
-
-inline void unlock(ArenaLock& l) {
-    if (--l.depth) return;
-    l.owner.store(0, std::memory_order_relaxed);
-    if (l.state.exchange(0, std::memory_order_release) == 2) futexWake(&l.state);
-}
+// Zero-initialised: usable before any constructor.
+ProcessLock gLocks[kArenas];
 
 void raiseOutOfMemory() {
     if (tRaising) return;  // exhausted again while raising: once is enough
@@ -199,13 +141,13 @@ bool recordRegion(void* region, unsigned long bytes, unsigned int index) {
         if (top >= kTopEntries) return false;
         std::atomic<unsigned char>* leaf = gRegionTop[top].load(std::memory_order_acquire);
         if (!leaf) {
-            void* fresh = mmap(nullptr, 1ul << kLeafBits, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-            if (fresh == MAP_FAILED) return false;
+            void* fresh = platform::mapScratch(1ul << kLeafBits);
+            if (!fresh) return false;
             std::atomic<unsigned char>* mine = static_cast<std::atomic<unsigned char>*>(fresh);
             if (gRegionTop[top].compare_exchange_strong(leaf, mine, std::memory_order_acq_rel))
                 leaf = mine;
             else
-                munmap(fresh, 1ul << kLeafBits);
+                platform::unmapScratch(fresh, 1ul << kLeafBits);
         }
         leaf[g & ((1ul << kLeafBits) - 1)].store(static_cast<unsigned char>(index + 1), std::memory_order_release);
     }
@@ -287,23 +229,23 @@ inline MemoryAllocator* arena(unsigned int i) {
                   : reinterpret_cast<MemoryAllocator*>(gShardStorage[i - 1]);
 }
 
-inline bool alone() { return __libc_single_threaded && gSharedPath.load(std::memory_order_relaxed) == 0; }
+inline bool alone() { return platform::singleThreaded() && gSharedPath.load(std::memory_order_relaxed) == 0; }
 
 // Holds one arena for the duration of an operation: its lock, unless alone.
 class Hold {
 public:
     explicit Hold(unsigned int i) : lock_(alone() ? nullptr : &gLocks[i]) {
-        if (lock_) lock(*lock_);
+        if (lock_) lock_->lock();
     }
     ~Hold() {
-        if (lock_) unlock(*lock_);
+        if (lock_) lock_->unlock();
     }
     Hold(Hold const&) = delete;
     Hold& operator=(Hold const&) = delete;
 
 private:
     Inside inside_;
-    ArenaLock* lock_;
+    ProcessLock* lock_;
 };
 
 // Holds every arena in use, in index order: a consistent view of the process.
@@ -312,10 +254,10 @@ public:
     // The arenas are counted once: a shard built meanwhile is not read without its
     // lock (its blocks all come after this view's moment).
     HoldAll() : arenas_(1 + gShardCount.load(std::memory_order_acquire)), locked_(alone() ? 0 : arenas_) {
-        for (unsigned int i = 0; i < locked_; ++i) lock(gLocks[i]);
+        for (unsigned int i = 0; i < locked_; ++i) gLocks[i].lock();
     }
     ~HoldAll() {
-        for (unsigned int i = locked_; i-- > 0;) unlock(gLocks[i]);
+        for (unsigned int i = locked_; i-- > 0;) gLocks[i].unlock();
     }
     unsigned int arenas() const { return arenas_; }
     HoldAll(HoldAll const&) = delete;
@@ -330,8 +272,9 @@ private:
 // Arena ownership: owned[i] is set while a live thread has arena i as its own.
 std::atomic<bool> gOwned[kArenas];
 std::atomic<unsigned int> gShareTurn;
-pthread_key_t gThreadKey;
-pthread_mutex_t gClaimLock = PTHREAD_MUTEX_INITIALIZER;
+platform::ThreadEndSlot gThreadEnd;
+// Guards building arena 0 and claiming or building an arena for a new thread.
+ZO_CONSTINIT platform::TableLock gClaimLock;
 
 // Runs when a thread that owns an arena ends: the arena goes back to the pool.
 void releaseArena(void* value) {
@@ -343,7 +286,7 @@ void releaseArena(void* value) {
 // thread's end.
 void adopt(unsigned int i, bool own) {
     tArena = static_cast<unsigned char>(i + 1);
-    if (own) pthread_setspecific(gThreadKey, reinterpret_cast<void*>(static_cast<std::uintptr_t>(i + 1)));
+    if (own) gThreadEnd.set(reinterpret_cast<void*>(static_cast<std::uintptr_t>(i + 1)));
 }
 
 class ProcessAllocator final : public MemoryAllocator {
@@ -356,7 +299,7 @@ public:
     unsigned int myArena() {
         unsigned int mine = tArena;
         if (__builtin_expect(mine != 0, 1)) return mine - 1;
-        pthread_mutex_lock(&gClaimLock);
+        gClaimLock.lock();
         unsigned int count = 1 + gShardCount.load(std::memory_order_relaxed);
         unsigned int chosen = kArenas;
         for (unsigned int i = 0; i < count && chosen == kArenas; ++i)
@@ -372,7 +315,7 @@ public:
             gOwned[chosen].store(true, std::memory_order_relaxed);
         else
             chosen = gShareTurn.fetch_add(1, std::memory_order_relaxed) % count;
-        pthread_mutex_unlock(&gClaimLock);
+        gClaimLock.unlock();
         adopt(chosen, own);
         return chosen;
     }
@@ -478,25 +421,23 @@ private:
 static_assert(sizeof(ProcessAllocator) <= sizeof(gArenaStorage), "arena 0's storage");
 
 void forkPrepare() {
-    pthread_mutex_lock(&gClaimLock);
+    gClaimLock.lock();
     unsigned int count = 1 + gShardCount.load(std::memory_order_acquire);
-    for (unsigned int i = 0; i < count; ++i) lock(gLocks[i]);
+    for (unsigned int i = 0; i < count; ++i) gLocks[i].lock();
 }
 void forkParent() {
     unsigned int count = 1 + gShardCount.load(std::memory_order_relaxed);
-    for (unsigned int i = count; i-- > 0;) unlock(gLocks[i]);
-    pthread_mutex_unlock(&gClaimLock);
+    for (unsigned int i = count; i-- > 0;) gLocks[i].unlock();
+    gClaimLock.unlock();
 }
 void forkChild() {
     // Only the forking thread exists in the child; it held every lock, and the
     // arenas of the other threads have no owner any more.
     for (unsigned int i = 0; i < kArenas; ++i) {
-        gLocks[i].owner.store(0, std::memory_order_relaxed);
-        gLocks[i].depth = 0;
-        gLocks[i].state.store(0, std::memory_order_relaxed);
+        gLocks[i].resetAfterFork();
         gOwned[i].store(tArena == i + 1, std::memory_order_relaxed);
     }
-    pthread_mutex_init(&gClaimLock, nullptr);
+    gClaimLock.resetAfterFork();
 }
 
 void destroyArena() {
@@ -512,7 +453,7 @@ void reportAtExit() { writeMemoryReport(Allocator::theAllocator(), stderr, "proc
 
 ProcessAllocator* buildProcessAllocator() {
     ZoIF_MemInit(0);
-    pthread_mutex_lock(&gClaimLock);  // serialises a first call from two threads at once
+    gClaimLock.lock();  // serialises a first call from two threads at once
     ProcessAllocator* built = gProcess.load(std::memory_order_acquire);
     if (!built) {
         if (!gHostBuilt) {
@@ -524,8 +465,8 @@ ProcessAllocator* buildProcessAllocator() {
             ::new (static_cast<void*>(gArenaStorage)) ProcessAllocator(reinterpret_cast<ProcessHost*>(gHostStorage));
             gArenaBuilt = true;
             std::atexit(destroyArena);
-            pthread_key_create(&gThreadKey, releaseArena);
-            pthread_atfork(forkPrepare, forkParent, forkChild);
+            gThreadEnd.create(releaseArena);
+            platform::onFork(forkPrepare, forkParent, forkChild);
             // The exit report, registered now so that it runs after the exit
             // handlers and static destructors that come later.
             int report = 0;
@@ -547,7 +488,7 @@ ProcessAllocator* buildProcessAllocator() {
         gProcess.store(a, std::memory_order_release);
         built = a;
     }
-    pthread_mutex_unlock(&gClaimLock);
+    gClaimLock.unlock();
     return built;
 }
 
@@ -569,37 +510,20 @@ __attribute__((noinline)) void processFreeShared(ProcessAllocator* a, void* p) {
     a->releaseShared(p);
 }
 
-inline void* processAlloc(std::size_t size) {
+}  // namespace
+
+void* processAlloc(std::size_t size) {
     ProcessAllocator* a = processAllocator();
     if (__builtin_expect(!alone(), 0)) return processAllocShared(a, size);
     return a->allocateAlone(size, tDefaultColor);
 }
 
-inline void processFree(void* p) {
+void processFree(void* p) {
     if (!p) return;
     ProcessAllocator* a = processAllocator();
     if (__builtin_expect(!alone(), 0)) return processFreeShared(a, p);
     a->releaseAlone(p);
 }
-
-void* alignedAlloc(std::size_t size, std::size_t alignment) {
-    if (alignment <= 16) return processAlloc(size);
-    if (size + alignment < size) return nullptr;
-    // Over-allocate; the block's own address sits in the 8 bytes before the
-    // aligned address, which is at least 16 bytes into the block.
-    char* raw = static_cast<char*>(processAlloc(size + alignment));
-    if (!raw) return nullptr;
-    std::uintptr_t aligned = (reinterpret_cast<std::uintptr_t>(raw) + alignment) & ~(std::uintptr_t(alignment) - 1);
-    reinterpret_cast<void**>(aligned)[-1] = raw;
-    return reinterpret_cast<void*>(aligned);
-}
-
-void alignedFree(void* p, std::size_t alignment) {
-    if (!p) return;
-    processFree(alignment <= 16 ? p : static_cast<void**>(p)[-1]);
-}
-
-}  // namespace
 
 Allocator* Allocator::theAllocator() { return processAllocator(); }
 
@@ -645,54 +569,3 @@ MemoryColor::MemoryColor(unsigned int color) : previous(0) {
 void MemoryColor::reset() { Allocator::theAllocator()->setDefaultColor(previous, nullptr); }
 
 }  // namespace Utils
-
-// ---------------------------------------------------------------------------
-// The global operators. The throwing forms return null on exhaustion instead of
-// throwing: the whole library is written against that.
-// ---------------------------------------------------------------------------
-using Utils::alignedAlloc;
-using Utils::alignedFree;
-using Utils::processAlloc;
-using Utils::processFree;
-
-#define ZO_NEW_API __attribute__((visibility("default")))
-
-ZO_NEW_API void* operator new(std::size_t size) { return processAlloc(size); }
-ZO_NEW_API void* operator new[](std::size_t size) { return processAlloc(size); }
-ZO_NEW_API void* operator new(std::size_t size, std::nothrow_t const&) noexcept { return processAlloc(size); }
-ZO_NEW_API void* operator new[](std::size_t size, std::nothrow_t const&) noexcept { return processAlloc(size); }
-ZO_NEW_API void* operator new(std::size_t size, std::align_val_t a) {
-    return alignedAlloc(size, static_cast<std::size_t>(a));
-}
-ZO_NEW_API void* operator new[](std::size_t size, std::align_val_t a) {
-    return alignedAlloc(size, static_cast<std::size_t>(a));
-}
-ZO_NEW_API void* operator new(std::size_t size, std::align_val_t a, std::nothrow_t const&) noexcept {
-    return alignedAlloc(size, static_cast<std::size_t>(a));
-}
-ZO_NEW_API void* operator new[](std::size_t size, std::align_val_t a, std::nothrow_t const&) noexcept {
-    return alignedAlloc(size, static_cast<std::size_t>(a));
-}
-
-ZO_NEW_API void operator delete(void* p) noexcept { processFree(p); }
-ZO_NEW_API void operator delete[](void* p) noexcept { processFree(p); }
-ZO_NEW_API void operator delete(void* p, std::nothrow_t const&) noexcept { processFree(p); }
-ZO_NEW_API void operator delete[](void* p, std::nothrow_t const&) noexcept { processFree(p); }
-ZO_NEW_API void operator delete(void* p, std::size_t) noexcept { processFree(p); }
-ZO_NEW_API void operator delete[](void* p, std::size_t) noexcept { processFree(p); }
-ZO_NEW_API void operator delete(void* p, std::align_val_t a) noexcept { alignedFree(p, static_cast<std::size_t>(a)); }
-ZO_NEW_API void operator delete[](void* p, std::align_val_t a) noexcept {
-    alignedFree(p, static_cast<std::size_t>(a));
-}
-ZO_NEW_API void operator delete(void* p, std::align_val_t a, std::nothrow_t const&) noexcept {
-    alignedFree(p, static_cast<std::size_t>(a));
-}
-ZO_NEW_API void operator delete[](void* p, std::align_val_t a, std::nothrow_t const&) noexcept {
-    alignedFree(p, static_cast<std::size_t>(a));
-}
-ZO_NEW_API void operator delete(void* p, std::size_t, std::align_val_t a) noexcept {
-    alignedFree(p, static_cast<std::size_t>(a));
-}
-ZO_NEW_API void operator delete[](void* p, std::size_t, std::align_val_t a) noexcept {
-    alignedFree(p, static_cast<std::size_t>(a));
-}

@@ -3,9 +3,9 @@
 
 #include <climits>
 #include <cstdlib>
-#include <mutex>
 
 #include "misc/constinit.h"
+#include "platform/platform.h"
 #include "utils/result.h"
 
 namespace Utils {
@@ -19,10 +19,10 @@ namespace {
 char const kLibraryVersion[] = "1.1.1.1507";
 
 // Guards the counts of all versions. A leaf: nothing else is done while it is held.
-ZO_CONSTINIT std::mutex countLock;
+ZO_CONSTINIT platform::TableLock countLock;
 // Guards VersionImpl::theVersion_. Held while a reference to the slot's version is
 // taken (which takes countLock inside); never while a version is made or destroyed.
-ZO_CONSTINIT std::mutex slotLock;
+ZO_CONSTINIT platform::TableLock slotLock;
 
 // atoi as it behaved with a 32-bit long: strtol's result saturated to the int range
 // (on LP64 a plain conversion would keep the low 32 bits instead).
@@ -42,29 +42,29 @@ unsigned int atoi32(char const* s) {
 Version::~Version() {}
 
 void Version::incRef() {
-    std::lock_guard<std::mutex> hold(countLock);
+    platform::TableHold hold(countLock);
     Countable::incRef();
 }
 
 unsigned int Version::decRef() {
-    std::lock_guard<std::mutex> hold(countLock);
+    platform::TableHold hold(countLock);
     return Countable::decRef();
 }
 
 unsigned int Version::refCount() const {
-    std::lock_guard<std::mutex> hold(countLock);
+    platform::TableHold hold(countLock);
     return Countable::refCount();
 }
 
 CountedRef<Version> Version::theVersion() {
     {
-        std::lock_guard<std::mutex> hold(slotLock);
+        platform::TableHold hold(slotLock);
         if (VersionImpl::theVersion_) return VersionImpl::theVersion_;
     }
     // Made outside the lock; if another thread installed one meanwhile, ours is
     // dropped (after the lock is released: `made` outlives `hold`).
     CountedRef<Version> made(new VersionImpl(kLibraryVersion));
-    std::lock_guard<std::mutex> hold(slotLock);
+    platform::TableHold hold(slotLock);
     if (!VersionImpl::theVersion_) VersionImpl::theVersion_ = made;
     return VersionImpl::theVersion_;
 }
