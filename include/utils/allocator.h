@@ -505,7 +505,7 @@ private:
     Allocator* parent;
     unsigned long originPage;        // page number (address / 4096) of directory[0]
     unsigned long lastIndex;         // index of the last directory entry in use
-    unsigned long* directory;        // one entry per page from originPage on; see bsdalloc.cpp
+    unsigned long* directory;        // one entry per page from originPage on; see pagealloc.cpp
     pginfo* chunkLists[kColors][kShifts];  // chunk pages with a free chunk, by colour and shift
     unsigned long directorySize;     // capacity of the directory in entries
     FreeRun* freeRuns;               // free runs in address order

@@ -1,6 +1,7 @@
-// Internal layout of BSDAllocator, shared by bsdalloc.cpp and the tests: the chunk
-// page record, the free-run record, the constants, and the verifier that checks a
-// whole allocator against its invariants (listed at the top of bsdalloc.cpp).
+// Internal layout of the page allocator (BSDAllocator), shared by pagealloc.cpp and
+// the tests: the chunk page record, the free-run record, the constants, and the
+// tests' view of the structure (its verifier is BSDAllocator::verify, in
+// pagealloc.cpp, with the invariants drawn at the top of that file).
 #pragma once
 
 #include <cstdint>

@@ -41,7 +41,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "memory/bsdalloc_internal.h"
+#include "memory/pagealloc_internal.h"
 #include "memory/census.h"
 #include "memory/debug.h"
 #include "memory/watch.h"
