@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "memory/debug.h"
 #include "utils/allocator.h"
@@ -13,11 +14,22 @@ namespace watch {
 
 bool memcheckOn = false;
 
-bool start() {
+// Memcheck, not just any valgrind tool: under callgrind or cachegrind the
+// allocators must run exactly as they do outside valgrind. Memcheck preloads its
+// own malloc replacement, named after the tool, which tells it apart.
+bool memcheckRuns() {
 #if ZO_MEMCHECK
-    static bool const looked = (memcheckOn = RUNNING_ON_VALGRIND != 0, true);
-    (void)looked;
+    if (RUNNING_ON_VALGRIND == 0) return false;
+    char const* preload = std::getenv("LD_PRELOAD");
+    return preload && std::strstr(preload, "vgpreload_memcheck");
+#else
+    return false;
 #endif
+}
+
+bool start() {
+    static bool const looked = (memcheckOn = memcheckRuns(), true);
+    (void)looked;
     return on();
 }
 
