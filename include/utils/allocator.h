@@ -524,6 +524,10 @@ private:
     unsigned int& allocatedTotal() { return counters[2 * kColors]; }
     unsigned int allocatedTotal() const { return counters[2 * kColors]; }
     unsigned int internalFreeBytes;  // bytes in free runs
+    // Set once the allocator has logged a fault or failed a request, either of which
+    // may leave it off its invariants by design; stops the debug build's automatic
+    // verification (it fills what was padding before obtainedBytes).
+    mutable unsigned int faulted;
     unsigned long obtainedBytes;     // bytes of the regions kept from the parent
 };
 
