@@ -872,14 +872,16 @@ ZO_STEP unsigned long MemoryAllocator::freeOrdinaryBlock(MemHead* m) {
 // ---------------------------------------------------------------------------
 // The interface.
 // ---------------------------------------------------------------------------
-// Debug level 2: this arena's verifier after each mutation; the process
-// allocator's arenas (over a host) after every 256th (memory/debug.h).
+// Debug level 2: this arena's verifier after mutations, on the schedule of
+// memory/debug.h; the process allocator's arenas (over a host) after every 256th.
 #if ZO_DEBUG_LEVEL >= 2
 namespace {
 void verifyAfterMutation(MemoryAllocator const* a, Allocator* parent) {
     if (dynamic_cast<HostAllocator*>(parent)) {
         static thread_local unsigned int mutations;
         if (++mutations % 256) return;
+    } else if (!detail::verifyNow(64)) {
+        return;
     }
     char const* fault = a->MemoryAllocator::verify();
     // The one state verify() reports that the arena reaches by design: a block that
