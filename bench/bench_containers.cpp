@@ -12,9 +12,11 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "utils/avltree.h"
+#include "utils/string.h"
 #include "utils/vector.h"
 
 namespace {
@@ -183,6 +185,55 @@ void MapWalk(benchmark::State& state) {
 }
 
 }  // namespace
+
+// --- String-keyed maps: one successful lookup of a path-like key --------------------
+std::vector<std::string> pathKeys(unsigned long n, unsigned int seed) {
+    auto ids = shuffledKeys(n, seed);
+    std::vector<std::string> keys;
+    keys.reserve(n);
+    for (unsigned int id : ids) keys.push_back("/api/v2/items/" + std::to_string(id));
+    return keys;
+}
+void MapFindString_ZoAVLTree(benchmark::State& state) {
+    unsigned long n = static_cast<unsigned long>(state.range(0));
+    Utils::AVLTree<Utils::String, unsigned int> m;
+    for (auto const& k : pathKeys(n, 2)) m.insert(Utils::String(k.c_str()), 1);
+    std::vector<Utils::String> probes;
+    for (auto const& k : pathKeys(n, 3)) probes.emplace_back(k.c_str());
+    unsigned long i = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(m.find(probes[i]).current);
+        if (++i == n) i = 0;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+void MapFindString_ZoAVLTreeByChars(benchmark::State& state) {
+    unsigned long n = static_cast<unsigned long>(state.range(0));
+    Utils::AVLTree<Utils::String, unsigned int> m;
+    for (auto const& k : pathKeys(n, 2)) m.insert(Utils::String(k.c_str()), 1);
+    auto probes = pathKeys(n, 3);
+    unsigned long i = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(m.lookup(probes[i]));
+        if (++i == n) i = 0;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+void MapFindString_StdMap(benchmark::State& state) {
+    unsigned long n = static_cast<unsigned long>(state.range(0));
+    std::map<std::string, unsigned int> m;
+    for (auto const& k : pathKeys(n, 2)) m.emplace(k, 1);
+    auto probes = pathKeys(n, 3);
+    unsigned long i = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(m.find(probes[i]));
+        if (++i == n) i = 0;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(MapFindString_ZoAVLTree)->Arg(1000)->Arg(100000);
+BENCHMARK(MapFindString_ZoAVLTreeByChars)->Arg(1000)->Arg(100000);
+BENCHMARK(MapFindString_StdMap)->Arg(1000)->Arg(100000);
 
 #define SIZES ->Arg(1000)->Arg(100000)->Arg(1000000)
 #define VECTOR_PAIR(name, sizes)            \

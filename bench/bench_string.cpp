@@ -4,6 +4,7 @@
 // library replaces the global operator new: std::string below allocates there too.
 #include <benchmark/benchmark.h>
 
+#include <charconv>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -131,6 +132,61 @@ BENCHMARK(BM_AppendChars_String);
 BENCHMARK(BM_AppendChars_StdString);
 BENCHMARK(BM_AppendTexts_String);
 BENCHMARK(BM_AppendTexts_StdString);
+
+// --- numbers: 100 appends of 1..7-digit values -------------------------------------
+void BM_AppendULong_String(benchmark::State& st) {
+    for (auto _ : st) {
+        String s;
+        for (unsigned long i = 0; i < 100; ++i) s += i * 99991;
+        benchmark::DoNotOptimize(s);
+    }
+    st.SetItemsProcessed(st.iterations() * 100);
+}
+void BM_AppendULong_StdToChars(benchmark::State& st) {
+    for (auto _ : st) {
+        std::string s;
+        for (unsigned long i = 0; i < 100; ++i) {
+            char buf[24];
+            auto r = std::to_chars(buf, buf + sizeof buf, i * 99991);
+            s.append(buf, static_cast<std::size_t>(r.ptr - buf));
+        }
+        benchmark::DoNotOptimize(s);
+    }
+    st.SetItemsProcessed(st.iterations() * 100);
+}
+BENCHMARK(BM_AppendULong_String);
+BENCHMARK(BM_AppendULong_StdToChars);
+
+// --- tokenising a request line into its fields -------------------------------------
+constexpr char kRequestLine[] = "GET /api/v2/orders/317 200 48213 5123 10.2.117.43 \"Mozilla/5.0 (X11; Linux)\"\n";
+void BM_Tokens_StringTokSpan(benchmark::State& st) {
+    String line(kRequestLine);
+    for (auto _ : st) {
+        unsigned long pos = 0, start = 0, end = 0, n = 0;
+        while (line.tokSpan(" \n", pos, start, end)) {
+            n += end - start;
+            pos = end;
+        }
+        benchmark::DoNotOptimize(n);
+    }
+}
+void BM_Tokens_StdFindFirstOf(benchmark::State& st) {
+    std::string line(kRequestLine);
+    for (auto _ : st) {
+        std::size_t pos = 0, n = 0;
+        while (true) {
+            std::size_t s = line.find_first_not_of(" \n", pos);
+            if (s == std::string::npos) break;
+            std::size_t e = line.find_first_of(" \n", s + 1);
+            if (e == std::string::npos) e = line.size();
+            n += e - s;
+            pos = e;
+        }
+        benchmark::DoNotOptimize(n);
+    }
+}
+BENCHMARK(BM_Tokens_StringTokSpan);
+BENCHMARK(BM_Tokens_StdFindFirstOf);
 
 // --- searches over a 4096-character text ----------------------------------------
 void BM_IndexChar_String(benchmark::State& st) {

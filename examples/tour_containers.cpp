@@ -1,8 +1,12 @@
 // Tour: the type-erased vector and the AVL map with its cursor.
+#include <algorithm>
 #include <cstdio>
+#include <string>
+#include <utility>
 
 #include "tour.h"
 #include "utils/avltree.h"
+#include "utils/string.h"
 #include "utils/vector.h"
 
 void tourContainers() {
@@ -37,4 +41,28 @@ void tourContainers() {
     for (auto it = names.last(); it.current; it.bump(false)) std::printf(" %u", it.key());
     char const* missing = names.find(9);
     std::printf("; find(9) gives %s; %s\n", missing ? missing : "null", names.verify() ? names.verify() : "verified");
+
+    // The conveniences for C++ code: iterators for range-for and <algorithm>, size(),
+    // lookup of String keys by a range of characters, move-add.
+    std::sort(v.begin(), v.end(), [](unsigned a, unsigned b) { return a > b; });
+    std::printf("vector sorted descending with std::sort:");
+    for (unsigned int x : v) std::printf(" %u", x);
+    std::printf("\n");
+    Utils::Vector<std::string> words;
+    std::string word = "moved";
+    words.add(std::move(word));  // move-add: the text goes into the vector
+    std::printf("move-add: vector holds \"%s\", the source is now \"%s\"\n", words[0].c_str(), word.c_str());
+
+    Utils::AVLTree<Utils::String, unsigned int> hits;
+    char const* lines[] = {"GET /index 200", "GET /about 200", "GET /index 304"};
+    for (char const* line : lines) {
+        std::size_t path = 4, len = std::string_view(line + path).find(' ');
+        if (auto* node = hits.lookup(line + path, len))  // no String built to look up
+            ++node->value;
+        else
+            hits.insert(Utils::String(std::string_view(line + path, len)), 1);
+    }
+    std::printf("%lu paths counted:", hits.size());
+    for (auto const& node : hits) std::printf(" %s=%u", node.key.text(), node.value);
+    std::printf("\n");
 }

@@ -1,5 +1,9 @@
 // Tour: the copy-on-write string, its views and its character proxy.
 #include <cstdio>
+#include <iostream>
+#include <string>
+#include <string_view>
+#include <unordered_map>
 
 #include "tour.h"
 #include "utils/string.h"
@@ -39,4 +43,23 @@ void tourStrings() {
     std::printf("\"ab\" after [5] = 'x': \"%s\" (length %lu)\n", pad.text(), pad.length());
     std::printf("null vs empty: String() == \"\" is %s, String() < \"a\" is %s\n",
                 String() == String("") ? "true" : "false", String() < String("a") ? "true" : "false");
+
+    // The conveniences for C++ code.
+    std::string_view sv = "from a string_view";
+    String fromView(sv);  // and back: view(), or pass a String where a string_view is taken
+    std::string_view back = fromView;
+    std::cout << "operator<<: " << fromView << " (" << back.size() << " characters)\n";
+    String count("answer: ");
+    count += 42ULL;  // every integer width appends its decimal text
+    count += ' ';
+    count += -7LL;
+    std::printf("integer appends: \"%s\"\n", count.text());
+    unsigned int roomBefore = count.representation()->capacity;
+    count.clear();  // empties the string, keeps its buffer for the next appends
+    std::printf("after clear(): length %lu, capacity kept %s\n", count.length(),
+                count.representation()->capacity == roomBefore ? "yes" : "no");
+    std::unordered_map<String, int> seen;  // std::hash<Utils::String>
+    seen[String("a")] += 1;
+    seen[String("a")] += 1;
+    std::printf("unordered_map<String, int>: \"a\" seen %d times\n", seen[String("a")]);
 }

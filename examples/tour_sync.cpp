@@ -1,6 +1,8 @@
 // Tour: identifiers, versions, locks, events, the light lock and the time value.
 #include <cstdio>
+#include <map>
 #include <thread>
+#include <unordered_set>
 
 #include "tour.h"
 #include "utils/event.h"
@@ -21,6 +23,12 @@ void tourSync() {
                 parsed.compare(second), first.compare(second));
     std::printf("null identifier: \"%s\", valid %d\n", Utils::UID::nullUID().asText().text(),
                 Utils::UID::nullUID().valid());
+    // ==, the natural order (operator<, the reverse of compare's sign) and std::hash put
+    // identifiers in standard containers.
+    std::map<Utils::UID, char const*> byId{{second, "second"}, {first, "first"}};
+    std::unordered_set<Utils::UID> ids{first, second, first};
+    std::printf("std::map of identifiers starts with the %s; unordered_set holds %zu; first < second is %s\n",
+                byId.begin()->second, ids.size(), first < second ? "true" : "false");
 
     Utils::CountedRef<Utils::Version> lib = Utils::Version::theVersion();
     std::printf("library version %s, numbers %u.%u.%u.%u (every number is read from the first component)\n",

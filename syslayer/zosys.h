@@ -37,7 +37,9 @@
  *
  * Locks and events
  *  - Mutexes and critical sections are recursive: the owning thread may enter
- *    again and must exit as many times.
+ *    again and must exit as many times. An exit by a thread that does not hold the
+ *    lock fails with EPERM and changes nothing. A forked child's thread is a new
+ *    task: a lock its parent held at the fork stays held (by no thread of the child).
  *  - Events are plain or cooperative (the same implementation: every thread is a
  *    cooperative task), manual or auto reset, initially signalled or not. An
  *    auto-reset event lets exactly one waiter through per set and is left

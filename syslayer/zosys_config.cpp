@@ -1,28 +1,13 @@
-// Configuration values of the system layer: the environment over layered files.
+// Configuration values of the system layer: ZoIF_GetConfigNumber and
+// ZoIF_GetConfigString. What they promise (the sources of a key and their order,
+// the file syntax, the number syntax, what is reported and what is returned) is
+// stated once, in the Configuration section of zosys.h; this file only adds how.
 //
-// Sources of a key, most important first (the first acceptable value wins):
-//   1. the environment variable named after the key: ASCII letters upper-cased,
-//      dots replaced by underscores ("ZoUtils.Log.Level" -> ZOUTILS_LOG_LEVEL);
-//   2. the file named by ZOSYS_CONFIG;
-//   3. the user file $XDG_CONFIG_HOME/zoutils/zoutils.conf (default ~/.config);
-//   4. the system files <dir>/zoutils/zoutils.conf for each dir of
-//      $XDG_CONFIG_DIRS (default /etc/xdg), the first listed dir the most important.
-// Within one file a later line for the same key beats an earlier one.
-//
-// File syntax: "Key = value" per line. Keys match case-insensitively; whitespace
-// around keys and values is dropped. A '#' at the start of a line or after
-// whitespace starts a comment; a '#' inside a word is kept (category lists use it:
-// "allocator#3"). A non-blank line without '=' is reported and skipped.
-//
-// A value that cannot be used (not a 32-bit number where a number is asked, too
-// long for the caller's buffer) is reported once on stderr with its source and
-// treated as absent: the next source in the order above is consulted.
-//
-// Files are read on every call: values are always current, and a call costs a
-// few small file reads (the library reads a handful of keys once, when its log
-// hub is built). Nothing here calls operator new: lines come from getline
-// (malloc), everything else lives on the stack, so the reader works at any point
-// of the library's start-up.
+// How: every call walks the sources in order and reads each file afresh (a call
+// costs a few small file reads; the library reads a handful of keys once, when
+// its log hub is built), keeping the last line for the key within a file. Nothing
+// here calls operator new: lines come from getline (malloc), everything else
+// lives on the stack, so the reader works at any point of the library's start-up.
 #include "zosys.h"
 #include "zosys_diag.h"
 

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -134,38 +135,78 @@ struct ForkHook {
 } gForkHook;
 
 // ---------------------------------------------------------------------------
-// Locks: recursive pthread mutexes.
+// Locks: recursive mutexes on one futex word.
+//
+//   word   0 free, 1 held, 2 held and a thread may sleep on it
+//   owner  kernel id of the holder (ZoIF_CurrentTaskId), 0 when free
+//   count  the holder's entries, touched only by the holder
+//
+// An uncontended enter is one compare-and-swap, an uncontended exit one exchange;
+// the kernel is asked only to sleep on a held word or to wake a sleeper. A re-entry
+// by the holder only counts. Only the holder exits (anyone else gets EPERM, as from a
+// recursive pthread mutex). After fork the child's thread runs under a new kernel id,
+// so a mutex its parent held stays held by that (absent) owner, as with pthreads.
 // ---------------------------------------------------------------------------
+struct RecursiveMutex {
+    std::atomic<int> word;
+    std::atomic<int> owner;
+    unsigned count;
+};
+
+long futex(std::atomic<int>* word, int op, int value) {
+    return syscall(SYS_futex, reinterpret_cast<int*>(word), op | FUTEX_PRIVATE_FLAG, value, nullptr, nullptr, 0);
+}
+
+inline int currentKernelId() {
+    if (!tKernelId) tKernelId = static_cast<int>(syscall(SYS_gettid));
+    return tKernelId;
+}
+
 ZoIF_Handle createRecursiveMutex() {
-    auto* m = static_cast<pthread_mutex_t*>(std::calloc(1, sizeof(pthread_mutex_t)));
+    auto* m = static_cast<RecursiveMutex*>(std::calloc(1, sizeof(RecursiveMutex)));  // all zero: free
     if (!m) return 0;
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
-    pthread_mutex_init(m, &attr);
-    pthread_mutexattr_destroy(&attr);
     ZoIF_Handle h = registerObject(m);
-    if (!h) {
-        pthread_mutex_destroy(m);
-        std::free(m);
-    }
+    if (!h) std::free(m);
     return h;
 }
 
 int enterMutex(ZoIF_Handle h) {
-    auto* m = static_cast<pthread_mutex_t*>(lookup(h));
-    return m ? pthread_mutex_lock(m) : EINVAL;
+    auto* m = static_cast<RecursiveMutex*>(lookup(h));
+    if (!m) return EINVAL;
+    int self = currentKernelId();
+    if (m->owner.load(std::memory_order_relaxed) == self) {  // only the holder can read its own id here
+        ++m->count;
+        return 0;
+    }
+    int c = 0;
+    if (!m->word.compare_exchange_strong(c, 1, std::memory_order_acquire, std::memory_order_relaxed)) {
+        // Held: mark the word contended and sleep until an exit frees it; a thread
+        // that takes it this way keeps it marked, so its exit wakes the next sleeper.
+        if (c != 2) c = m->word.exchange(2, std::memory_order_acquire);
+        while (c != 0) {
+            futex(&m->word, FUTEX_WAIT, 2);
+            c = m->word.exchange(2, std::memory_order_acquire);
+        }
+    }
+    m->owner.store(self, std::memory_order_relaxed);
+    m->count = 1;
+    return 0;
 }
 
 int exitMutex(ZoIF_Handle h) {
-    auto* m = static_cast<pthread_mutex_t*>(lookup(h));
-    return m ? pthread_mutex_unlock(m) : EINVAL;
+    auto* m = static_cast<RecursiveMutex*>(lookup(h));
+    if (!m) return EINVAL;
+    if (m->owner.load(std::memory_order_relaxed) != currentKernelId()) return EPERM;
+    if (--m->count != 0) return 0;
+    m->owner.store(0, std::memory_order_relaxed);
+    if (m->word.exchange(0, std::memory_order_release) == 2) futex(&m->word, FUTEX_WAKE, 1);
+    return 0;
 }
 
 int destroyMutex(ZoIF_Handle h) {
-    auto* m = static_cast<pthread_mutex_t*>(unregisterObject(h));
+    auto* m = static_cast<RecursiveMutex*>(unregisterObject(h));
     if (!m) return EINVAL;
-    int rc = pthread_mutex_destroy(m);
+    int rc = m->word.load(std::memory_order_relaxed) != 0 ? EBUSY : 0;  // as pthread_mutex_destroy reports
     std::free(m);
     return rc;
 }
@@ -173,12 +214,28 @@ int destroyMutex(ZoIF_Handle h) {
 // ---------------------------------------------------------------------------
 // Events: a flag under a mutex with a condition variable on the monotonic clock.
 // ---------------------------------------------------------------------------
+//
+// The flag is atomic so that the common cases skip the mutex: a wait that finds the
+// event signalled takes it with one atomic step, and a set with nobody sleeping only
+// stores the flag. waiters counts the threads inside the sleeping part of a wait;
+// a set stores the flag before it reads waiters, a waiter counts itself before it
+// reads the flag (both sequentially consistent), so either the waiter sees the flag
+// or the set sees the waiter and wakes it under the mutex.
 struct Event {
     pthread_mutex_t lock;
     pthread_cond_t cond;
     bool manualReset;
-    bool signalled;
+    std::atomic<bool> signalled;
+    std::atomic<unsigned> waiters;
 };
+
+// Takes the signal when there is one: an auto-reset event is consumed (exactly one
+// taker per set), a manual-reset one is only read.
+inline bool takeSignal(Event* e) {
+    if (e->manualReset) return e->signalled.load(std::memory_order_seq_cst);
+    bool expected = true;
+    return e->signalled.compare_exchange_strong(expected, false, std::memory_order_seq_cst);
+}
 
 ZoIF_Handle createEvent(int manualReset, int initiallySignalled) {
     auto* e = static_cast<Event*>(std::calloc(1, sizeof(Event)));
@@ -190,7 +247,8 @@ ZoIF_Handle createEvent(int manualReset, int initiallySignalled) {
     pthread_cond_init(&e->cond, &attr);
     pthread_condattr_destroy(&attr);
     e->manualReset = manualReset != 0;
-    e->signalled = initiallySignalled != 0;
+    e->signalled.store(initiallySignalled != 0, std::memory_order_relaxed);
+    e->waiters.store(0, std::memory_order_relaxed);
     ZoIF_Handle h = registerObject(e);
     if (!h) {
         pthread_cond_destroy(&e->cond);
@@ -203,8 +261,9 @@ ZoIF_Handle createEvent(int manualReset, int initiallySignalled) {
 int setEvent(ZoIF_Handle h) {
     auto* e = static_cast<Event*>(lookup(h));
     if (!e) return EINVAL;
+    e->signalled.store(true, std::memory_order_seq_cst);
+    if (e->waiters.load(std::memory_order_seq_cst) == 0) return 0;  // nobody sleeps: nobody to wake
     pthread_mutex_lock(&e->lock);
-    e->signalled = true;
     // A manual-reset event releases every waiter; an auto-reset one releases one.
     if (e->manualReset)
         pthread_cond_broadcast(&e->cond);
@@ -217,27 +276,28 @@ int setEvent(ZoIF_Handle h) {
 int resetEvent(ZoIF_Handle h) {
     auto* e = static_cast<Event*>(lookup(h));
     if (!e) return EINVAL;
-    pthread_mutex_lock(&e->lock);
-    e->signalled = false;
-    pthread_mutex_unlock(&e->lock);
+    e->signalled.store(false, std::memory_order_seq_cst);
     return 0;
 }
 
 // Waits until signalled or until `deadline` (absolute, monotonic) when given.
 // Returns 1 when the event was taken, 0 on time-out.
 int waitEvent(Event* e, timespec const* deadline) {
+    if (takeSignal(e)) return 1;
     pthread_mutex_lock(&e->lock);
-    while (!e->signalled) {
+    e->waiters.fetch_add(1, std::memory_order_seq_cst);
+    int taken = 1;
+    while (!takeSignal(e)) {
         if (!deadline) {
             pthread_cond_wait(&e->cond, &e->lock);
-        } else if (pthread_cond_timedwait(&e->cond, &e->lock, deadline) == ETIMEDOUT && !e->signalled) {
-            pthread_mutex_unlock(&e->lock);
-            return 0;
+        } else if (pthread_cond_timedwait(&e->cond, &e->lock, deadline) == ETIMEDOUT) {
+            taken = takeSignal(e) ? 1 : 0;  // a set that came with the time-out still counts
+            break;
         }
     }
-    if (!e->manualReset) e->signalled = false;  // the wait consumes the signal
+    e->waiters.fetch_sub(1, std::memory_order_seq_cst);
     pthread_mutex_unlock(&e->lock);
-    return 1;
+    return taken;
 }
 
 int waitEventUntimed(ZoIF_Handle h) {

@@ -8,6 +8,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "knobs.h"
@@ -536,4 +537,208 @@ TEST(AVLTree, RandomisedAgainstStdMap) {
             for (auto const& [k, node] : address) ASSERT_EQ(t.find(k).current, node) << "key " << k;
         }
     }
+}
+
+// ---------------------------------------------------------------------------
+// One three-way key order per level: the same descent as == then <
+// ---------------------------------------------------------------------------
+namespace {
+
+// The descent as it is defined: == first, then < to choose the side.
+template <class K, class V>
+void findByOperators(AVLTreeIter<K, V>& it, K const& key, bool& found) {
+    found = false;
+    AVLTreeNodeBase* n = it.current;
+    while (n) {
+        auto* node = static_cast<Utils::AVLTreeNode<K, V>*>(n);
+        if (key == node->key) {
+            found = true;
+            return;
+        }
+        AVLTreeNodeBase** next = key < node->key ? &node->left : &node->right;
+        it.link = next;
+        if (!*next) return;
+        n = *next;
+        it.current = n;
+    }
+}
+
+// Texts with embedded NULs, empty ones and the null string among them.
+Utils::String randomKey(std::mt19937_64& rng) {
+    unsigned long r = rng() % 40;
+    if (r == 0) return Utils::String();
+    if (r == 1) return Utils::String("");
+    char text[4];
+    unsigned long n = rng() % 4;
+    for (unsigned long i = 0; i < n; ++i) text[i] = "ab\0c"[rng() % 4];
+    return Utils::String(text, n);
+}
+
+}  // namespace
+
+TEST(AVLTreeOrder, StringKeyOrderAgreesWithEqualityAndLess) {
+    std::vector<Utils::String> keys = {Utils::String(), Utils::String(""), Utils::String("a"),
+                                       Utils::String("b"), Utils::String("ab"), Utils::String("a\0z", 3)};
+    using Order = Utils::AVLKeyOrder<Utils::String>;
+    for (auto const& a : keys) {
+        for (auto const& b : keys) {
+            int order = Order::compare(a, b);
+            EXPECT_EQ(order == 0, a == b) << a.text() << " " << b.text();
+            if (order != 0) {
+                EXPECT_EQ(order < 0, a < b) << a.text() << " " << b.text();
+            }
+            if (!a.isNull()) {  // the same sign for the key given by its characters
+                int byChars = Order::compare(a.view(), b);
+                EXPECT_EQ((byChars > 0) - (byChars < 0), (order > 0) - (order < 0)) << a.text() << " " << b.text();
+            }
+        }
+    }
+    EXPECT_EQ(Order::compare(std::string_view(), Utils::String()), 0);  // String(view) is "", == null
+}
+
+TEST(AVLTreeOrder, SearchesTakeTheSamePathAsEqualityThenLess) {
+    std::mt19937_64 rng(99);
+    using STree = AVLTree<Utils::String, int>;
+    STree t;
+    Tree u;
+    unsigned long rounds = zotest::scaled(20000);
+    for (unsigned long i = 0; i < rounds; ++i) {
+        Utils::String key = randomKey(rng);
+        unsigned int ukey = static_cast<unsigned int>(rng() % 200);
+        if (rng() % 3) {
+            t.insert(key, static_cast<int>(i));
+            u.insert(ukey, 1);
+        } else {
+            t.remove(key);
+            u.remove(ukey);
+        }
+        STree::Iter a(t), b(t), c(t);
+        a.top();
+        b.top();
+        c.top();
+        bool found = false;
+        findByOperators(b, key, found);
+        ASSERT_EQ(a.find(key), found) << i;
+        ASSERT_EQ(a.current, b.current) << i;
+        ASSERT_EQ(a.link, b.link) << i;
+        if (!key.isNull()) {  // by characters: the key String(view) is the same text
+            ASSERT_EQ(c.findChars(key.view()), found) << i;
+            ASSERT_EQ(c.current, b.current) << i;
+            ASSERT_EQ(c.link, b.link) << i;
+        }
+        Iter x(u), y(u);
+        x.top();
+        y.top();
+        findByOperators(y, ukey, found);
+        ASSERT_EQ(x.find(ukey), found) << i;
+        ASSERT_EQ(x.current, y.current) << i;
+        ASSERT_EQ(x.link, y.link) << i;
+    }
+    // Not t.verify(): with the null string among the keys the String order is not a
+    // strict order (null == "" but null < "a" is false), so the walk need not ascend by
+    // <; the point here is that the descent is the same as before.
+    EXPECT_EQ(u.verify(), nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// Conveniences: size, iterators, lookup by characters
+// ---------------------------------------------------------------------------
+TEST(AVLTreeConveniences, SizeCountsEveryWayInAndOut) {
+    Tree t;
+    EXPECT_EQ(t.size(), 0u);
+    for (unsigned int k = 1; k <= 7; ++k) t.insert(k, k);
+    t.insert(3, 0);  // present: not added
+    EXPECT_EQ(t.size(), 7u);
+    t.intern(8);
+    t.intern(8);
+    EXPECT_EQ(t.size(), 8u);
+    EXPECT_TRUE(t.remove(2));
+    EXPECT_FALSE(t.remove(2));
+    EXPECT_EQ(t.size(), 7u);
+    Iter it = cursorOn(t, 4);
+    AVLTreeNodeBase* n = it.Utils::AVLTreeIterBase::remove();  // the untyped core lowers it too
+    delete static_cast<Node*>(n);
+    EXPECT_EQ(t.size(), 6u);
+    Iter in(t);
+    in.top();
+    EXPECT_FALSE(in.find(40));
+    in.insert(40, 1);
+    in.rebalanceAfterInsert();
+    EXPECT_EQ(t.size(), 7u);
+    EXPECT_EQ(t.verify(), nullptr);
+    t.nodeCount = 3;
+    EXPECT_STREQ(t.verify(), "size does not match the number of nodes");
+    t.nodeCount = 7;
+    t.clear();
+    EXPECT_EQ(t.size(), 0u);
+    EXPECT_TRUE(t.empty());
+    EXPECT_EQ(t.verify(), nullptr);
+    t.insert(1, 1);  // usable afterwards
+    EXPECT_EQ(t.size(), 1u);
+}
+
+TEST(AVLTreeConveniences, SizeCountsNodesACallerStoresAtTheLinkItself) {
+    // The cursor protocol lets a caller make its own node, store it at link and
+    // rebalance; the count follows the rebalancing, not the node's maker.
+    Tree t;
+    for (unsigned int k = 1; k <= 5; ++k) {
+        Iter it(t);
+        it.top();
+        ASSERT_FALSE(it.find(k * 10));
+        *it.link = new Node(k * 10, k, it.current);
+        it.rebalanceAfterInsert();
+    }
+    EXPECT_EQ(t.size(), 5u);
+    EXPECT_EQ(t.verify(), nullptr);
+}
+
+TEST(AVLTreeConveniences, IteratorsWalkInKeyOrderBothWays) {
+    Tree t;
+    EXPECT_TRUE(t.begin() == t.end());
+    std::mt19937_64 rng(5);
+    std::map<unsigned int, unsigned int> model;
+    for (int i = 0; i < 300; ++i) {
+        unsigned int k = static_cast<unsigned int>(rng() % 1000);
+        t.insert(k, k * 2);
+        model.emplace(k, k * 2);
+    }
+    std::vector<unsigned int> walked;
+    for (auto& node : t) {
+        walked.push_back(node.key);
+        node.value += 1;  // values may be changed through the iterator
+    }
+    std::vector<unsigned int> expected;
+    for (auto const& kv : model) expected.push_back(kv.first);
+    EXPECT_EQ(walked, expected);
+    std::vector<unsigned int> backwards;
+    for (auto it = t.end(); it != t.begin();) backwards.push_back((--it)->key);
+    std::reverse(backwards.begin(), backwards.end());
+    EXPECT_EQ(backwards, expected);
+    Tree const& ct = t;
+    EXPECT_EQ(static_cast<unsigned long>(std::distance(ct.begin(), ct.end())), model.size());
+    auto hit = std::find_if(ct.begin(), ct.end(), [](Node const& n) { return n.key >= 500; });
+    ASSERT_TRUE(hit != ct.end());
+    EXPECT_EQ(hit->key, model.lower_bound(500)->first);
+    EXPECT_EQ(hit->value, hit->key * 2 + 1);
+    Tree::const_iterator converted = t.begin();
+    EXPECT_TRUE(converted == ct.begin());
+}
+
+TEST(AVLTreeConveniences, LookupByCharactersFindsWhatAStringKeyFinds) {
+    AVLTree<Utils::String, int> t;
+    t.insert(Utils::String("GET /index"), 1);
+    t.insert(Utils::String("POST /form"), 2);
+    t.insert(Utils::String(""), 3);
+    char const line[] = "GET /index HTTP/1.1";
+    auto* node = t.lookup(line, 10);
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(node->value, 1);
+    node->value = 10;
+    EXPECT_EQ(t.find(Utils::String("GET /index")).value(), 10);
+    EXPECT_EQ(t.lookup(std::string_view("POST /form"))->value, 2);
+    EXPECT_EQ(t.lookup(std::string("POST /form"))->value, 2);
+    EXPECT_EQ(t.lookup(line, 9), nullptr);
+    EXPECT_EQ(t.lookup(std::string_view())->value, 3);
+    EXPECT_TRUE(t.findChars("POST /form").valid());
+    EXPECT_FALSE(t.findChars("PUT").valid());
 }

@@ -1,6 +1,8 @@
 # The configuration tests run the probe in child processes with a prepared
 # environment, since a hub reads its configuration once, when it is built.
-add_executable(log_probe ${CMAKE_CURRENT_SOURCE_DIR}/helpers/log_probe.cpp)
-target_link_libraries(log_probe PRIVATE zoutils::zoutils zoutils_warnings)
-add_dependencies(test_log log_probe)
-target_compile_definitions(test_log PRIVATE ZOUTILS_LOG_PROBE="$<TARGET_FILE:log_probe>")
+zoutils_add_probe(log_probe ${test_name} zoutils::zoutils)
+
+# log.h holds what users call: none of the hub's locking reaches their code.
+add_test(NAME LogHeader.PullsInNoMutex
+  COMMAND ${CMAKE_COMMAND} -DCXX=${CMAKE_CXX_COMPILER} -DINCLUDE=${PROJECT_SOURCE_DIR}/include -DHEADER=utils/log.h
+          -DFORBIDDEN=mutex -P ${CMAKE_CURRENT_SOURCE_DIR}/support/check_header_alone.cmake)

@@ -26,7 +26,7 @@
 #include "child.h"
 
 #include "knobs.h"
-#include "log/log_internal.h"
+#include "log/hub_internal.h"
 #include "utils/log.h"
 #include "utils/result.h"
 #include "zosys.h"
@@ -876,7 +876,7 @@ Probe runProbe(std::vector<std::string> env) {
     std::vector<char*> envp;
     for (auto& e : env) envp.push_back(&e[0]);
     envp.push_back(nullptr);
-    char const* path = ZOUTILS_LOG_PROBE;
+    char const* path = LOG_PROBE;
     char* argv[] = {const_cast<char*>(path), nullptr};
     int out[2], err[2];
     Probe p;
@@ -1134,6 +1134,7 @@ TEST(LogThreads, ConcurrentLoggingCountsExactly) {
     EXPECT_EQ(log.getCategory(37u + threads), nullptr);
     EXPECT_NE(log.getCategory(37u + threads - 1), nullptr);
     EXPECT_EQ(counter->refCount(), 4u);  // three classes and this holder
+    EXPECT_EQ(detail::verifyHub(log), nullptr);
 }
 
 TEST(LogThreads, SinkSwapsWhileLoggingNeverLoseASink) {
@@ -1148,6 +1149,153 @@ TEST(LogThreads, SinkSwapsWhileLoggingNeverLoseASink) {
     for (unsigned int k = 0; k < swaps; ++k) log.setLogger(new Tracked(&destroyed));
     stop.store(true);
     writer.join();
+    EXPECT_EQ(detail::verifyHub(log), nullptr);
     log.setLogger(nullptr);
     EXPECT_EQ(destroyed, static_cast<int>(swaps));
+    EXPECT_EQ(detail::verifyHub(log), nullptr);
 }
+
+TEST(LogThreads, ConcurrentCreationAndSettersKeepTheTablesConsistent) {
+    Log log;
+    // Holders of a sink must not be made or dropped while setLogger runs elsewhere
+    // (counts are plain): the threads use the sink this one holder keeps alive.
+    CountedRef<Logger> shared = Log::theDefaultLogger();
+    Logger* sink = shared.get();
+    unsigned int const threads = 4;
+    unsigned int const perThread = static_cast<unsigned int>(zotest::scaled(600));
+    std::vector<std::thread> pool;
+    for (unsigned int t = 0; t < threads; ++t) {
+        pool.emplace_back([&log, sink, t, perThread] {
+            for (unsigned int i = 0; i < perThread; ++i) {
+                // Half the names are shared between threads, half are the thread's own.
+                std::string name = (i % 2 ? "mine" + std::to_string(t) + "." : "all.") + std::to_string(i / 2);
+                log.getCategory(name.c_str());
+                if (i % 50 == 0) log.setLevel(static_cast<int>(i));
+                if (i % 70 == 0) log.setLogger(static_cast<MessageClass>(i % 4), sink);
+            }
+        });
+    }
+    for (auto& th : pool) th.join();
+    EXPECT_EQ(detail::verifyHub(log), nullptr);
+    unsigned long expected = (perThread + 1) / 2 + threads * (perThread / 2);
+    EXPECT_NE(log.getCategory(static_cast<unsigned int>(expected - 1)), nullptr);
+    EXPECT_EQ(log.getCategory(static_cast<unsigned int>(expected)), nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// The hub's verifier
+// ---------------------------------------------------------------------------
+
+// A random walk over category and sink operations, checked against a model after
+// every step: numbers in order of first use, the fields each setter writes, and the
+// hub's own tables against each other.
+TEST(LogVerifier, RandomCategoryAndSinkWorkKeepsTheTablesConsistent) {
+    Log log;
+    std::vector<std::string> names;
+    struct Fields {
+        int level;
+        bool enabled;
+        unsigned int verbosity;
+    };
+    std::vector<Fields> model;
+    Fields defaults = {0, false, 0};
+    CountedRef<Logger> sinks[3] = {CountedRef<Logger>(new NullLogger), CountedRef<Logger>(new NullLogger),
+                                   CountedRef<Logger>(nullptr)};
+    zotest::Walk walk(0x2545F4914F6CDD1Dul);
+    auto next = [&walk](unsigned long bound) { return walk.below(bound); };
+    unsigned long const steps = zotest::scaled(3000);
+    for (unsigned long step = 0; step < steps; ++step) {
+        switch (next(7)) {
+            case 0:
+            case 1: {  // find or create
+                std::string name = "r" + std::to_string(next(400));
+                unsigned int n = log.getCategory(name.c_str());
+                if (n == names.size()) {
+                    names.push_back(name);
+                    model.push_back(defaults);
+                }
+                ASSERT_LT(n, names.size());
+                ASSERT_EQ(names[n], name);
+                break;
+            }
+            case 2: {  // find or create with fields
+                std::string name = "r" + std::to_string(next(400));
+                Fields f = {static_cast<int>(next(9)) - 4, next(2) == 1, static_cast<unsigned int>(next(3))};
+                unsigned int n = log.getCategory(name.c_str(), f.level, f.enabled, f.verbosity);
+                if (n == names.size()) {
+                    names.push_back(name);
+                    model.push_back(f);
+                }
+                model[n] = f;
+                break;
+            }
+            case 3: {  // a global setter
+                int v = static_cast<int>(next(9)) - 4;
+                switch (next(3)) {
+                    case 0:
+                        log.setLevel(v);
+                        defaults.level = v;
+                        for (Fields& f : model) f.level = v;
+                        break;
+                    case 1:
+                        log.setEnabled(v > 0);
+                        defaults.enabled = v > 0;
+                        for (Fields& f : model) f.enabled = v > 0;
+                        break;
+                    default:
+                        log.setVerbosity(static_cast<unsigned int>(v + 4));
+                        defaults.verbosity = static_cast<unsigned int>(v + 4);
+                        for (Fields& f : model) f.verbosity = static_cast<unsigned int>(v + 4);
+                }
+                break;
+            }
+            case 4: {  // a per-category setter
+                if (names.empty()) break;
+                unsigned int n = static_cast<unsigned int>(next(names.size()));
+                int v = static_cast<int>(next(9)) - 4;
+                log.setLevel(n, v);
+                model[n].level = v;
+                break;
+            }
+            case 5: {  // a sink slot
+                Logger* l = sinks[next(3)].get();
+                if (next(2))
+                    log.setLogger(l);
+                else
+                    log.setLogger(static_cast<MessageClass>(next(4)), l);
+                break;
+            }
+            default: {  // a line through the filter
+                if (names.empty()) break;
+                unsigned int n = static_cast<unsigned int>(next(names.size()));
+                int lvl = static_cast<int>(next(9)) - 4;
+                bool expect = log.logger(MessageDebug) && model[n].enabled && lvl <= model[n].level;
+                ASSERT_EQ(log.willPrint(MessageDebug, n, lvl), expect);
+                log.print(MessageDebug, n, lvl, "f", 1, "x");
+            }
+        }
+        ASSERT_EQ(detail::verifyHub(log), nullptr) << "after step " << step;
+    }
+    ASSERT_EQ(log.getCategory(static_cast<unsigned int>(names.size())), nullptr);
+    for (unsigned int n = 0; n < names.size(); ++n) {
+        EXPECT_STREQ(log.getCategory(n), names[n].c_str());
+        EXPECT_EQ(log.level(n), model[n].level);
+        EXPECT_EQ(log.enabled(n), model[n].enabled);
+        EXPECT_EQ(log.verbosity(n), model[n].verbosity);
+    }
+    log.setLogger(nullptr);
+}
+
+TEST(LogVerifier, ReportsACategoryWhoseNameNoLongerMatchesItsIndexEntry) {
+    Log log;
+    for (int i = 0; i < 40; ++i) log.getCategory(("v" + std::to_string(i)).c_str());
+    ASSERT_EQ(detail::verifyHub(log), nullptr);
+    unsigned int n = log.getCategory("v7");
+    char* name = const_cast<char*>(log.getCategory(n));  // the category's own copy
+    name[0] = 'w';
+    EXPECT_NE(detail::verifyHub(log), nullptr);
+    name[0] = 'v';
+    EXPECT_EQ(detail::verifyHub(log), nullptr);
+}
+
+TEST(LogVerifier, ProcessHubIsSound) { EXPECT_EQ(detail::verifyHub(*Log::theLog()), nullptr); }

@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <stdexcept>
@@ -19,7 +21,8 @@
 
 #include "foundation/result_tables.h"
 #include "knobs.h"
-#include "log/held_lock.h"
+#include "library/reentry.h"
+#include "log/hub_internal.h"
 #include "utils/log.h"
 #include "utils/result.h"
 #include "zosys.h"
@@ -382,6 +385,86 @@ TEST(Results, ConcurrentRaisingAndQueryingKeepsEveryTaskExact) {
     EXPECT_EQ(e1 - e0, 2 * threads * perThread);
     EXPECT_EQ(i1 - i0, threads * perThread);
     EXPECT_EQ(w1 - w0, 0u);
+    EXPECT_EQ(detail::verifyResultTables(), nullptr);
+    EXPECT_EQ(detail::verifyHub(*log), nullptr);
+}
+
+// A random walk over every table operation, checked against a model after each
+// step: the calling task's last error, the suppression counts, the first
+// registered text of each code and the listener calls.
+TEST(Results, RandomTableWorkMatchesTheModelAndKeepsTheTablesSound) {
+    CapturedHub hub;
+    clearError();
+    Counting l;
+    std::map<unsigned int, int> suppressed;  // code -> times suppressed
+    std::map<unsigned int, std::vector<std::unique_ptr<ResultString>>> texts;
+    static char const* const kTexts[3] = {"first text", "second text", "third text"};
+    std::map<unsigned int, char const*> firstText;
+    unsigned int listeners = 0;
+    unsigned int last = 0;
+    zotest::Walk walk(0x9E3779B97F4A7C15ul);
+    auto next = [&walk](unsigned long bound) { return walk.below(bound); };
+    unsigned long const steps = zotest::scaled(2000);
+    for (unsigned long step = 0; step < steps; ++step) {
+        unsigned int code = 0x80000200u + static_cast<unsigned int>(next(16));
+        switch (next(8)) {
+            case 0:
+            case 1: {
+                unsigned int callsBefore = l.calls.load();
+                size_t linesBefore = hub.capture->lines.size();
+                EXPECT_EQ(raiseError(code), code);
+                last = code;
+                bool quiet = suppressed[code] > 0;
+                EXPECT_EQ(l.calls.load() - callsBefore, quiet ? 0u : listeners);
+                EXPECT_EQ(hub.capture->lines.size() - linesBefore, quiet ? 0u : 1u);
+                break;
+            }
+            case 2:
+                setErrorSuppressed(code);
+                ++suppressed[code];
+                break;
+            case 3:
+                clearErrorSuppressed(code);
+                if (suppressed[code] > 0) --suppressed[code];
+                break;
+            case 4: {
+                char const* text = kTexts[next(3)];
+                texts[code].push_back(std::make_unique<ResultString>(code, text));
+                if (!firstText.count(code)) firstText[code] = text;
+                break;
+            }
+            case 5:
+                // Any destruction removes the code's text, whoever registered it.
+                if (!texts[code].empty()) {
+                    texts[code].pop_back();
+                    firstText.erase(code);
+                }
+                break;
+            case 6:
+                if (next(2) || listeners == 0) {
+                    addResultListener(&l);
+                    ++listeners;
+                } else {
+                    removeResultListener(&l);
+                    --listeners;
+                }
+                break;
+            default:
+                clearError();
+                last = 0;
+        }
+        ASSERT_EQ(lastError(), last) << "after step " << step;
+        if (firstText.count(code)) {
+            ASSERT_STREQ(resultToString(code), firstText[code]);
+        }
+        ASSERT_EQ(detail::verifyResultTables(), nullptr) << "after step " << step;
+    }
+    while (listeners--) removeResultListener(&l);
+    for (auto& entry : suppressed)
+        while (entry.second-- > 0) clearErrorSuppressed(entry.first);
+    texts.clear();
+    clearError();
+    EXPECT_EQ(detail::verifyResultTables(), nullptr);
 }
 
 // White-box: what the process allocator meets when an allocation made under one of
@@ -411,6 +494,7 @@ TEST(Results, UnloadStepEmptiesLastErrorsAndSuppressionsAndLeavesThemUsable) {
     raiseError(0x80000070u);
     setErrorSuppressed(0x80000071u);
     detail::releaseResultTables();
+    EXPECT_EQ(detail::verifyResultTables(), nullptr);
     EXPECT_EQ(lastError(), 0u);
     raiseError(0x80000071u);  // no longer suppressed
     EXPECT_EQ(hub.capture->lines.size(), 2u);

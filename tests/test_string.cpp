@@ -9,8 +9,11 @@
 #include <cstring>
 #include <ostream>
 #include <random>
+#include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "knobs.h"
@@ -494,7 +497,7 @@ TEST(String, ConstIndexingOutOfRangeGivesNul) {
     EXPECT_EQ(n[0], '\0');
 }
 
-TEST(String, NthIndex) {
+TEST(String, NthIndexCountsFromOneAndZeroGivesZero) {
     String h("hello");
     EXPECT_EQ(h.nthIndex(2, 'l'), 3UL);
     EXPECT_EQ(h.nthIndex(1, 'l'), 2UL);
@@ -505,7 +508,7 @@ TEST(String, NthIndex) {
     EXPECT_EQ(String().nthIndex(1, 'a'), kNpos);
 }
 
-TEST(String, TokSpan) {
+TEST(String, TokSpanSkipsDelimitersAndWritesStartWhenOnlyDelimitersRemain) {
     String s(" a,,b ");
     unsigned long start = 99, end = 99;
     ASSERT_TRUE(s.tokSpan(" ,", 0, start, end));
@@ -533,7 +536,7 @@ TEST(String, PrefixConstructor) {
     EXPECT_EQ(str(String(s, kFar)), "abcdef");
 }
 
-TEST(String, OtherConstructors) {
+TEST(String, CharacterCountedAndNullConstructorsGiveNonNullStrings) {
     EXPECT_EQ(str(String('x')), "x");
     EXPECT_EQ(String('\0').length(), 1UL);
     EXPECT_EQ(str(String('-', 4)), "----");
@@ -579,7 +582,7 @@ TEST(String, MoveTakesTheRepresentation) {
     EXPECT_EQ(r->refs, 1u);
 }
 
-TEST(String, PrefixTests) {
+TEST(String, StartsWithTreatsNullPrefixesAndNullStringsDeliberately) {
     EXPECT_FALSE(String().startsWith(String("")));
     EXPECT_TRUE(String("x").startsWith(String()));
     EXPECT_TRUE(String().startsWith(String()));
@@ -591,7 +594,7 @@ TEST(String, PrefixTests) {
     EXPECT_FALSE(String("ab").startsWith("abc"));
 }
 
-TEST(String, Donate) {
+TEST(String, DonateSplitsASharedTextAndConsumeTakesTheBlockBack) {
     EXPECT_EQ(String().donate(), nullptr);
     String e("");
     EXPECT_EQ(e.donate(), StringRep::emptyText());
@@ -781,7 +784,7 @@ TEST(String, ZeroLengthEditsStillGrowAnAdoptedBufferToTheCapacityRule) {
     EXPECT_NE(r.data, block);
 }
 
-TEST(String, Concatenation) {
+TEST(String, ConcatenationCopiesTheLeftOperandAndAppendsTheRight) {
     EXPECT_EQ(str(String("ab") + String("cd")), "abcd");
     EXPECT_EQ(str(String("ab") + "cd"), "abcd");
     EXPECT_EQ(str("ab" + String("cd")), "abcd");
@@ -789,7 +792,7 @@ TEST(String, Concatenation) {
     EXPECT_FALSE((String() + "").isNull());
 }
 
-TEST(String, EditingOperations) {
+TEST(String, EditsReplaceInsertRemoveCaseRotateAndPad) {
     String s("abc");
     s.replace("XY", 2, 0, 2);
     EXPECT_EQ(str(s), "abXY");
@@ -838,7 +841,7 @@ TEST(String, TransformingMutatorsLeaveNullStringNull) {
     EXPECT_EQ(str(q), "ab");
 }
 
-TEST(String, Searches) {
+TEST(String, SearchesFindFirstAndLastAndNullStringsFindNothing) {
     String s("one two three two");
     EXPECT_EQ(s.index('t'), 4UL);
     EXPECT_EQ(s.index('t', 5), 8UL);
@@ -874,7 +877,7 @@ TEST(String, EmbeddedNulsFollowTheCLibrary) {
     EXPECT_EQ(str(s.reverse()), std::string("bx\0a", 4));
 }
 
-TEST(String, Reverse) {
+TEST(String, ReverseOfNullOrEmptyIsNull) {
     EXPECT_EQ(str(String("abc").reverse()), "cba");
     EXPECT_TRUE(String().reverse().isNull());
     EXPECT_TRUE(String("").reverse().isNull());
@@ -1820,4 +1823,255 @@ TEST(StringDifferential, MatchesReferenceModelOnExactSizeBlocks) {
         d.run(zotest::scaled(30000));
     }
     EXPECT_EQ(ta.live, 0);
+}
+
+// ---------------------------------------------------------------------------
+// Number appends: the digits are written directly; the text is snprintf's
+// ---------------------------------------------------------------------------
+namespace {
+
+// Values spread over every magnitude: random words shifted right by a random amount,
+// so each digit count from 1 to 20 is reached about equally often.
+unsigned long spreadValue(std::mt19937_64& rng) { return rng() >> (rng() % 64); }
+
+}  // namespace
+
+TEST(StringNumbers, IntegerAppendsMatchSnprintfAtTheEdges) {
+    std::vector<unsigned long> edges = {0, 1, 9, 10, 11, 99, 100, 101, ULONG_MAX, ULONG_MAX - 1,
+                                        static_cast<unsigned long>(LONG_MAX), static_cast<unsigned long>(LONG_MIN)};
+    for (unsigned long p = 10; p && p < ULONG_MAX / 10; p *= 10) {
+        edges.push_back(p - 1);
+        edges.push_back(p);
+        edges.push_back(p + 1);
+    }
+    char expected[32];
+    for (unsigned long u : edges) {
+        for (unsigned long v : {u, 0UL - u}) {
+            String s;
+            s += v;
+            std::snprintf(expected, sizeof expected, "%lu", v);
+            EXPECT_EQ(str(s), expected) << v;
+            String t;
+            t += static_cast<long>(v);
+            std::snprintf(expected, sizeof expected, "%ld", static_cast<long>(v));
+            EXPECT_EQ(str(t), expected) << static_cast<long>(v);
+        }
+    }
+}
+
+TEST(StringNumbers, IntegerAppendsMatchSnprintfOverRandomValuesAndBufferStates) {
+    std::mt19937_64 rng(20261124);
+    unsigned long rounds = zotest::scaled(20000);
+    String s("x");
+    std::string model = "x";
+    char expected[32];
+    for (unsigned long i = 0; i < rounds; ++i) {
+        unsigned long v = spreadValue(rng);
+        switch (rng() % 4) {
+            case 0:
+                s += v;
+                std::snprintf(expected, sizeof expected, "%lu", v);
+                break;
+            case 1:
+                s += static_cast<long>(v);
+                std::snprintf(expected, sizeof expected, "%ld", static_cast<long>(v));
+                break;
+            case 2:
+                s += static_cast<int>(v);
+                std::snprintf(expected, sizeof expected, "%d", static_cast<int>(v));
+                break;
+            default:
+                s += static_cast<unsigned int>(v);
+                std::snprintf(expected, sizeof expected, "%u", static_cast<unsigned int>(v));
+                break;
+        }
+        model += expected;
+        if (model.size() > 300) {  // restart from shared, null and fresh strings in turn
+            String keep = s;
+            ASSERT_EQ(str(keep), model);
+            s = (i % 3 == 0) ? String() : (i % 3 == 1) ? String("") : String("y");
+            model = (i % 3 == 2) ? "y" : "";
+        }
+    }
+    EXPECT_EQ(str(s), model);
+    EXPECT_EQ(repProblem(s.representation()), "");
+}
+
+TEST(StringNumbers, EveryIntegerWidthAppendsItsDecimalText) {
+    String s;
+    s += static_cast<short>(-12);
+    s += ' ';
+    s += static_cast<unsigned short>(65535);
+    s += ' ';
+    s += static_cast<unsigned char>(200);  // a number: char is the only character type
+    s += ' ';
+    s += static_cast<long long>(LLONG_MIN);
+    s += ' ';
+    s += static_cast<unsigned long long>(ULLONG_MAX);
+    EXPECT_EQ(str(s), "-12 65535 200 -9223372036854775808 18446744073709551615");
+    String c;
+    c += 'A';
+    EXPECT_EQ(str(c), "A");
+}
+
+TEST(StringNumbers, DoubleAppendsMatchSnprintf) {
+    std::mt19937_64 rng(7);
+    unsigned long rounds = zotest::scaled(3000);
+    char expected[DBL_MAX_10_EXP + 16];
+    std::vector<double> values = {0.0, -0.0, 1.5, -1.5, 0.1, 1e-7, 5e-7, 1e15, 1e308, -DBL_MAX, DBL_MIN};
+    for (unsigned long i = 0; i < rounds; ++i) {
+        std::uint64_t bits = rng();
+        double d;
+        std::memcpy(&d, &bits, sizeof d);
+        if (d != d) continue;  // NaN payload and sign print differently across values; not a number anyway
+        values.push_back(d);
+    }
+    for (double d : values) {
+        String s("v=");
+        s += d;
+        std::snprintf(expected, sizeof expected, "v=%f", d);
+        ASSERT_EQ(str(s), expected);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Character-set scans against a model that asks strchr for every byte
+// ---------------------------------------------------------------------------
+namespace {
+
+bool inSetModel(char const* set, char c) { return std::strchr(set ? set : "", c) != nullptr; }
+
+unsigned long indexCharModel(std::string const& t, char const* set, unsigned long pos) {
+    if (pos >= t.size()) return kNpos;
+    for (unsigned long i = pos; i < t.size(); ++i)
+        if (inSetModel(set, t[i])) return i;
+    return kNpos;
+}
+
+unsigned long rindexCharModel(std::string const& t, char const* set, unsigned long pos) {
+    if (t.empty()) return kNpos;
+    unsigned long i = pos >= t.size() ? t.size() - 1 : pos;
+    for (;; --i) {
+        if (inSetModel(set, t[i])) return i;
+        if (i == 0) return kNpos;
+    }
+}
+
+// The token search as first written: skip members, then the next member ends it.
+bool tokSpanModel(std::string const& t, char const* delims, unsigned long pos, unsigned long& start,
+                  unsigned long& end) {
+    if (pos >= t.size()) return false;
+    unsigned long s = pos;
+    while (s < t.size() && inSetModel(delims, t[s])) ++s;
+    start = s;
+    if (s == t.size()) return false;
+    unsigned long e = indexCharModel(t, delims, s + 1);
+    end = e == kNpos ? t.size() : e;
+    return true;
+}
+
+}  // namespace
+
+TEST(StringScans, IndexCharRindexCharAndTokSpanMatchAStrchrModel) {
+    std::mt19937_64 rng(424242);
+    // A small alphabet with NUL and bytes above 0x7F, so sets hit often and signedness shows.
+    char const alphabet[] = {'a', 'b', ',', ' ', '\0', '\x80', '\xff', 'z'};
+    unsigned long rounds = zotest::scaled(20000);
+    for (unsigned long round = 0; round < rounds; ++round) {
+        std::string text(rng() % 24, 'a');
+        for (char& c : text) c = alphabet[rng() % sizeof alphabet];
+        std::string setText(rng() % 4, 'a');
+        for (char& c : setText) c = alphabet[rng() % sizeof alphabet];
+        char const* set = (round % 17 == 0) ? nullptr : setText.c_str();  // stops at an embedded NUL
+        String s(text.data(), text.size());
+        for (unsigned long pos : {0UL, rng() % 26, kNpos, kFar}) {
+            ASSERT_EQ(s.indexChar(set, pos), indexCharModel(text, set, pos)) << round;
+            ASSERT_EQ(s.rindexChar(set, pos), rindexCharModel(text, set, pos)) << round;
+            unsigned long start = 777, end = 888, mStart = 777, mEnd = 888;
+            ASSERT_EQ(s.tokSpan(set, pos, start, end), tokSpanModel(text, set, pos, mStart, mEnd)) << round;
+            ASSERT_EQ(start, mStart) << round;
+            ASSERT_EQ(end, mEnd) << round;
+        }
+        // A whole walk through the tokens, as callers write it.
+        unsigned long pos = 0, start = 0, end = 0, mStart = 0, mEnd = 0;
+        while (true) {
+            bool got = s.tokSpan(set, pos, start, end);
+            ASSERT_EQ(got, tokSpanModel(text, set, pos, mStart, mEnd));
+            if (!got) break;
+            ASSERT_EQ(start, mStart);
+            ASSERT_EQ(end, mEnd);
+            pos = end;
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Conveniences: string_view, clear, hashing, streams
+// ---------------------------------------------------------------------------
+TEST(StringConveniences, FromAndToStringView) {
+    std::string_view v("ab\0c", 4);
+    String s(v);
+    EXPECT_FALSE(s.isNull());
+    EXPECT_EQ(s.length(), 4u);
+    EXPECT_EQ(s.view(), v);
+    std::string_view implicitView = s;
+    EXPECT_EQ(implicitView.size(), 4u);
+    EXPECT_FALSE(String(std::string_view()).isNull());  // an empty view gives a non-null empty string
+    EXPECT_EQ(String().view().size(), 0u);
+    EXPECT_EQ(std::string(String("hello").view()), "hello");
+}
+
+TEST(StringConveniences, ClearKeepsTheBuffer) {
+    String s("some text to keep the room of");
+    StringRep const* r = s.representation();
+    char const* data = r->data;
+    unsigned int capacity = r->capacity;
+    s.clear();
+    EXPECT_EQ(s.representation(), r);
+    EXPECT_EQ(s.length(), 0u);
+    EXPECT_STREQ(s.text(), "");
+    EXPECT_EQ(r->capacity, capacity);
+    EXPECT_EQ(r->data, data);
+    EXPECT_EQ(repProblem(r), "");
+    s += "again";  // appended in the kept buffer
+    EXPECT_EQ(s.representation()->data, data);
+    EXPECT_EQ(str(s), "again");
+}
+
+TEST(StringConveniences, ClearOfASharedTextLeavesTheOtherHolder) {
+    String a("shared text");
+    String b = a;
+    b.clear();
+    EXPECT_EQ(str(a), "shared text");
+    EXPECT_EQ(a.representation()->refs, 1u);
+    EXPECT_FALSE(b.isNull());
+    EXPECT_EQ(b.length(), 0u);
+    EXPECT_EQ(repProblem(b.representation()), "");
+    String n;
+    n.clear();
+    EXPECT_TRUE(n.isNull());
+    String e("");
+    e.clear();  // no buffer: nothing to keep, and the shared empty text is not written
+    EXPECT_EQ(e.length(), 0u);
+    EXPECT_EQ(repProblem(e.representation()), "");
+}
+
+TEST(StringConveniences, HashFollowsEquality) {
+    std::hash<String> h;
+    EXPECT_EQ(h(String("abc")), h(String("abc")));
+    EXPECT_EQ(h(String()), h(String("")));           // null == "" holds
+    EXPECT_EQ(h(String("a\0b", 3)), h(String("a", 1)));  // == compares up to the first NUL
+    EXPECT_TRUE(String("a\0b", 3) == String("a", 1));
+    std::unordered_map<String, int> m;
+    m[String("one")] = 1;
+    m[String("two")] = 2;
+    m[String("one")] += 10;
+    EXPECT_EQ(m.size(), 2u);
+    EXPECT_EQ(m[String("one")], 11);
+}
+
+TEST(StringConveniences, StreamsWriteTheCharacters) {
+    std::ostringstream os;
+    os << String("ab") << '|' << String() << '|' << String("x\0y", 3);
+    EXPECT_EQ(os.str(), std::string("ab||x\0y", 7));
 }

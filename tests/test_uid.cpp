@@ -10,15 +10,18 @@
 // wide to other threads, and lets the clock move on after a read.
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <map>
 #include <random>
 #include <set>
 #include <thread>
 #include <tuple>
+#include <unordered_set>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -418,3 +421,40 @@ TEST(UIDCompare, FieldsCompareUnsigned) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Conveniences: equality, the natural order and hashing
+// ---------------------------------------------------------------------------
+TEST(UIDConveniences, EqualityAndOrderAgreeWithCompare) {
+    std::mt19937 rng(3);
+    std::vector<UID> ids;
+    for (int i = 0; i < 200; ++i)
+        ids.emplace_back(rng() % 3, rng() % 3, rng() % 3);  // many ties in each field
+    for (UID const& a : ids) {
+        for (UID const& b : ids) {
+            int c = a.compare(b);
+            EXPECT_EQ(a == b, c == 0);
+            EXPECT_EQ(a != b, c != 0);
+            EXPECT_EQ(a < b, c == 1);  // compare's sign is reversed: 1 means a is the smaller
+        }
+    }
+    EXPECT_TRUE(UID(0, 0xFFFFFFFF, 0xFFFFFFFF) < UID(1, 0, 0));  // machine first, unsigned
+    EXPECT_TRUE(UID(1, 1, 0xFFFFFFFF) < UID(1, 2, 0));
+    std::sort(ids.begin(), ids.end());
+    EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
+}
+
+TEST(UIDConveniences, StandardContainers) {
+    std::unordered_set<UID> seen;
+    std::map<UID, int> ordered;
+    UID id;
+    for (int i = 0; i < 100; ++i) {
+        id.generate();
+        EXPECT_TRUE(seen.insert(id).second);
+        ordered[id] = i;
+    }
+    EXPECT_FALSE(seen.insert(UID(seen.begin()->machine, seen.begin()->time, seen.begin()->sequence)).second);
+    EXPECT_EQ(ordered.size(), 100u);
+    EXPECT_EQ(std::hash<UID>()(UID(1, 2, 3)), std::hash<UID>()(UID(1, 2, 3)));
+    EXPECT_NE(std::hash<UID>()(UID(1, 2, 3)), std::hash<UID>()(UID(1, 2, 4)));
+}

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -893,3 +894,78 @@ void runAgainstStdVector(unsigned long seed) {
 // template (one function call per element) must behave identically.
 TEST(Vector, RandomisedAgainstStdVectorWithLibraryTable) { runAgainstStdVector<unsigned int>(0x5eed0001); }
 TEST(Vector, RandomisedAgainstStdVectorWithTemplateTable) { runAgainstStdVector<unsigned long>(0x5eed0003); }
+
+// ---------------------------------------------------------------------------
+// The inline add and the scalar growth: the same vector as the core's add
+// ---------------------------------------------------------------------------
+TEST(VectorFastPaths, AddsGiveTheCoresContentsCapacitiesAndZeroedSpareSlots) {
+    // The core's add (VectorBase::add) is the reference the inline add must match.
+    std::mt19937_64 rng(31);
+    Vector<unsigned int> fast;
+    Vector<unsigned int> core;
+    unsigned long n = zotest::scaled(20000);
+    for (unsigned long i = 0; i < n; ++i) {
+        unsigned int x = static_cast<unsigned int>(rng());
+        ASSERT_EQ(fast.add(x), core.VectorBase::add(&x, Vector<unsigned int>::ops(), &core));
+        ASSERT_EQ(fast.capacity, core.capacity);
+        if (i % 1024 == 0 || fast.count == fast.capacity) {
+            ASSERT_EQ(fast.verify(), nullptr);  // every slot past count reads 0
+            ASSERT_EQ(fast.compare(core), 0);
+        }
+    }
+    EXPECT_EQ(fast.compare(core), 0);
+    fast.sizeToExact(fast.count + 5);  // the same reallocation step, spare slots zeroed
+    EXPECT_EQ(fast.verify(), nullptr);
+    EXPECT_EQ(fast.capacity, fast.count);
+    Vector<Utils::LogCat*> cats;
+    for (int i = 0; i < 20; ++i) cats.add(reinterpret_cast<Utils::LogCat*>(static_cast<std::uintptr_t>(8 * (i + 1))));
+    EXPECT_EQ(cats.capacity, 23u);
+    EXPECT_EQ(cats.verify(), nullptr);
+    EXPECT_EQ(cats[19], reinterpret_cast<Utils::LogCat*>(160));
+}
+
+TEST(VectorFastPaths, AGrowthWithoutMemoryChangesNothing) {
+    Vector<unsigned int> v;
+    v.sizeToExact(1ul << 62);  // the request's bytes overflow a word: no array is asked for
+    EXPECT_EQ(v.count, 0u);
+    EXPECT_EQ(v.capacity, 0u);
+    EXPECT_EQ(v.data, nullptr);
+    if (char const* why = zotest::foreignOperatorNew()) GTEST_SKIP() << why << ", and reports instead of failing";
+    v.sizeTo(1ul << 40);  // far beyond any arena: no array
+    EXPECT_EQ(v.count, 0u);
+    EXPECT_EQ(v.capacity, 0u);
+}
+
+TEST(VectorConveniences, MoveAddMovesWithTheGenericTable) {
+    Vector<std::string> v;
+    std::string big(100, 'x');
+    EXPECT_EQ(v.add(std::move(big)), 0u);
+    EXPECT_EQ(v[0], std::string(100, 'x'));
+    EXPECT_TRUE(big.empty());  // moved from: the buffer went into the vector
+    std::string kept = "copy";
+    EXPECT_EQ(v.add(kept), 1u);
+    EXPECT_EQ(kept, "copy");
+    for (int i = 0; i < 30; ++i) v.add(std::to_string(i));
+    EXPECT_EQ(v.count, 32u);
+    EXPECT_EQ(v[31], "29");
+    EXPECT_EQ(v.verify(), nullptr);
+}
+
+TEST(VectorConveniences, MoveAddOfATypeWithItsOwnTableGoesThroughItsAssign) {
+    Vector<Tracked> v;
+    counts.zero();
+    v.add(Tracked{5});  // an rvalue: still the table's assign, once
+    EXPECT_EQ(counts.assign, 1u);
+    EXPECT_EQ(v[0].v, 5);
+    v.purge();
+}
+
+TEST(VectorConveniences, RangeForAndAlgorithms) {
+    Vector<unsigned int> v;
+    for (unsigned int x : {5u, 3u, 9u, 1u}) v.add(x);
+    std::sort(v.begin(), v.end());
+    std::vector<unsigned int> seen;
+    for (unsigned int x : v) seen.push_back(x);
+    EXPECT_EQ(seen, (std::vector<unsigned int>{1, 3, 5, 9}));
+    EXPECT_EQ(std::accumulate(v.begin(), v.end(), 0u), 18u);
+}

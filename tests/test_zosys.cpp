@@ -230,6 +230,69 @@ TEST_P(Locks, UnknownHandleIsRefused) {
     EXPECT_NE(k.enter(0), 0);
 }
 
+TEST_P(Locks, OnlyTheHolderExitsAndNestedEntriesCountAcrossContention) {
+    LockKind k = GetParam();
+    ZoIF_Handle h = k.create();
+    ASSERT_EQ(k.enter(h), 0);
+    int otherExit = 0;
+    std::thread([&] { otherExit = k.exit(h); }).join();
+    EXPECT_EQ(otherExit, EPERM);  // not the holder: refused, the lock stays held
+    std::atomic<bool> entered{false};
+    std::thread waiter([&] {
+        k.enter(h);
+        entered = true;
+        k.exit(h);
+    });
+    sleepMs(20);
+    EXPECT_FALSE(entered.load());
+    EXPECT_EQ(k.exit(h), 0);
+    waiter.join();
+    EXPECT_TRUE(entered.load());
+    // Nested entries under contention: every thread enters three deep each round.
+    long counter = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 5000; ++i) {
+                k.enter(h);
+                k.enter(h);
+                k.enter(h);
+                counter = counter + 1;
+                k.exit(h);
+                counter = counter + 1;
+                k.exit(h);
+                k.exit(h);
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(counter, 3L * 5000 * 2);
+    EXPECT_EQ(k.destroy(h), 0);
+}
+
+TEST_P(Locks, AForkedChildDoesNotInheritItsParentsHold) {
+    LockKind k = GetParam();
+    ZoIF_Handle held = k.create();
+    ZoIF_Handle free = k.create();
+    ASSERT_EQ(k.enter(held), 0);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        // The child's thread has a new task id: the parent's hold is not its own, and a
+        // lock that was free works as usual, recursion included.
+        bool ok = k.exit(held) == EPERM && k.enter(free) == 0 && k.enter(free) == 0 && k.exit(free) == 0 &&
+                  k.exit(free) == 0;
+        _exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(k.exit(held), 0);
+    k.destroy(held);
+    k.destroy(free);
+}
+
 INSTANTIATE_TEST_SUITE_P(Kinds, Locks,
                          ::testing::Values(LockKind{"Mutex", ZoIF_CreateMutex, ZoIF_EnterMutex, ZoIF_ExitMutex,
                                                     ZoIF_DestroyMutex},
@@ -372,6 +435,32 @@ TEST_P(Events, ResetClearsAPendingSignal) {
     EXPECT_EQ(k.reset(e), 0);
     EXPECT_EQ(k.waitTimed(e, 0.0), 0);
     k.destroy(e);
+}
+
+TEST_P(Events, PingPongBetweenTwoThreadsLosesNoSet) {
+    // Each side sets the other's auto-reset event and waits for its own, so every set
+    // is consumed by exactly one wait; a set lost between a waiter's check and its
+    // sleep would stall a side, which the timed waits turn into a failure.
+    EventKind k = GetParam();
+    ZoIF_Handle ping = k.create(0, 0), pong = k.create(0, 0);
+    constexpr int kRounds = 20000;
+    std::atomic<int> stalls{0};
+    std::thread other([&] {
+        for (int i = 0; i < kRounds; ++i) {
+            if (k.waitTimed(ping, 10.0) != 1) ++stalls;
+            k.set(pong);
+        }
+    });
+    for (int i = 0; i < kRounds; ++i) {
+        k.set(ping);
+        if (k.waitTimed(pong, 10.0) != 1) ++stalls;
+    }
+    other.join();
+    EXPECT_EQ(stalls.load(), 0);
+    EXPECT_EQ(k.waitTimed(ping, -1), 0);  // nothing left over
+    EXPECT_EQ(k.waitTimed(pong, -1), 0);
+    k.destroy(ping);
+    k.destroy(pong);
 }
 
 TEST_P(Events, DestroyedHandleIsRefused) {

@@ -54,7 +54,6 @@
 
 #include <atomic>
 #include <cstdarg>
-#include <mutex>
 
 #include "utils/export.h"
 #include "utils/object.h"
@@ -204,6 +203,57 @@ struct VectorOps<LogClass> {
 // The hub
 // ---------------------------------------------------------------------------
 
+class Log;
+
+namespace detail {
+
+struct HubAccess;
+
+// The hub's lock-free tables, private to the hub and the library; it is here only
+// so that the inline filter (Log::willPrint) reads it without a call. Its owner and
+// its invariants are described in src/log/registry.cpp.
+class LogIndex {
+public:
+    constexpr LogIndex() : segments_(), count_(0), sinks_(), names_(nullptr), lockWord_(0) {}
+    LogIndex(LogIndex const&) = delete;
+    LogIndex& operator=(LogIndex const&) = delete;
+
+    // Number of published categories.
+    unsigned int count() const { return count_.load(std::memory_order_acquire); }
+    // Category n, n below count().
+    LogCat* at(unsigned int n) const {
+        unsigned int segment, offset;
+        place(n, segment, offset);
+        return segments_[segment].load(std::memory_order_relaxed)[offset];
+    }
+    // The sink of class c (c below 4), null when silenced.
+    Logger* sink(unsigned int c, std::memory_order order) const { return sinks_[c].load(order); }
+
+    // Where category n lives: segment s holds the 16 << s numbers from
+    // 16 * (2^s - 1) on.
+    static void place(unsigned int n, unsigned int& segment, unsigned int& offset) {
+        segment = 31u - static_cast<unsigned int>(__builtin_clz(n / 16 + 1));
+        offset = n - 16u * ((1u << segment) - 1u);
+    }
+    static constexpr unsigned int kSegments = 27;
+
+    // The index against itself (segments, count, name table); null when sound,
+    // else the first fault. Not for a hub whose categories are being created.
+    char const* verify() const;
+
+private:
+    friend class Utils::Log;
+    friend struct HubAccess;
+
+    std::atomic<LogCat**> segments_[kSegments];
+    std::atomic<unsigned int> count_;
+    std::atomic<Logger*> sinks_[4];  // mirror of each class's sink
+    std::atomic<void*> names_;       // hash index from names to numbers
+    mutable std::atomic<int> lockWord_;  // the hub lock: category creation and global setters
+};
+
+}  // namespace detail
+
 class ZO_API Log : public Object {
 public:
     // The process's hub, built on first call (reading the configuration) and never
@@ -304,11 +354,11 @@ public:
     // `level` is at most its level. Takes no lock.
     // Inline: a filtered call costs a few loads and no call.
     bool willPrint(MessageClass c, unsigned int cat, int level) const {
-        if (cat >= catCount.load(std::memory_order_acquire)) return false;
+        if (cat >= index.count()) return false;
         if (static_cast<unsigned int>(c) > MessageDebug) return false;
-        if (!sinks[c].load(std::memory_order_relaxed)) return false;
+        if (!index.sink(c, std::memory_order_relaxed)) return false;
         if (c != MessageDebug) return true;
-        LogCat const* k = this->cat(cat);
+        LogCat const* k = index.at(cat);
         return k->enabled.load(std::memory_order_relaxed) && level <= k->level.load(std::memory_order_relaxed);
     }
     // The same by name (creating the category on first use).
@@ -328,36 +378,16 @@ private:
     // sinks and prints nothing.
     bool hasClasses() const { return classes.count == 4; }
     static void dropUnheldLogger(Logger* l);
-    // Category n, n below catCount: segment s holds the 16 << s numbers from
-    // 16 * (2^s - 1) on.
-    LogCat* cat(unsigned int n) const {
-        unsigned int segment = 31u - static_cast<unsigned int>(__builtin_clz(n / 16 + 1));
-        return catSegments[segment].load(std::memory_order_relaxed)[n - 16u * ((1u << segment) - 1u)];
-    }
-    unsigned int findCategory(char const* name) const;
     unsigned int createCategory(char const* name);
-    void indexName(unsigned int n);
-    Logger* acquireLogger(MessageClass c);
 
-    Vector<LogCat*> categories;  // owner of the categories; written under `lock`
+    Vector<LogCat*> categories;  // owner of the categories; written under the hub lock
     Vector<LogClass> classes;    // exactly four entries, indexed by MessageClass
     std::atomic<int> enabled_;   // default enabled flag for new categories
     std::atomic<int> level_;     // default level for new categories
     std::atomic<unsigned int> verbosity_;  // global verbosity: every header, and the default
+    detail::LogIndex index;                // what readers use without a lock
 
-    // Lock-free index of the categories for readers: segment s holds 16 << s
-    // entries, published before `catCount` is raised, never moved or freed while
-    // the hub lives.
-    static constexpr unsigned int kCatSegments = 27;
-    std::atomic<LogCat**> catSegments[kCatSegments];
-    std::atomic<unsigned int> catCount;
-    // Mirror of each class's sink for the lock-free filter.
-    std::atomic<Logger*> sinks[4];
-    // Hash index from names to numbers (an open-addressing table, see log.cpp),
-    // replaced under the lock as it fills; readers probe it without a lock.
-    std::atomic<void*> nameIndex;
-    // Serialises category creation and the global setters.
-    mutable std::mutex lock;
+    friend struct detail::HubAccess;
 };
 
 // The number of the category "allocator", set when the library is loaded.

@@ -33,6 +33,11 @@
 //    be copied or destroyed meanwhile. Threads that share strings hold their own lock.
 #pragma once
 
+#include <cstddef>
+#include <functional>
+#include <iosfwd>
+#include <string_view>
+
 #include "utils/export.h"
 
 // Private helpers of the exported classes stay out of the ABI (and are called
@@ -56,7 +61,10 @@ class StringChar;
 //  - capacity == 0: the representation owns nothing and data points at the shared,
 //    read-only empty text (`emptyText()`), which is never written or freed; length is 0.
 //  - capacity != 0: data is a block of the process allocator, capacity is its usable
-//    size as the allocator reports it, capacity > length, data[length] == NUL.
+//    size as the allocator reports it (at most 2^32 - 1), capacity > length,
+//    data[length] == NUL. A buffer only grows, to the capacity rule of sizeFor(), and
+//    keeps the memory colour of the block it replaces.
+//  - length <= String::maxLength.
 //  - refs counts the Strings that point here; a fresh representation has refs 0.
 // The fields are public so that String and its views can work on them directly and
 // tests can inspect them; change them only through the operations.
@@ -168,6 +176,8 @@ public:
 private:
     friend class String;
     ZO_STRING_PRIVATE bool grow(unsigned long n);
+    ZO_STRING_PRIVATE char* takeBlock(unsigned long n, unsigned int* usable) const;
+    ZO_STRING_PRIVATE void adopt(char* fresh, unsigned int usable);
     ZO_STRING_PRIVATE bool roomFor(unsigned long n);
     ZO_STRING_PRIVATE void appendRaw(char const* s, unsigned long n);
     ZO_STRING_PRIVATE void replaceRaw(char const* s, unsigned long n, unsigned long pos);
@@ -212,6 +222,9 @@ public:
     String(String const& s, unsigned long n);
     // Exactly n bytes of s, embedded NULs included; null s gives an empty string.
     String(char const* s, unsigned long n);
+    // The characters of v, embedded NULs included, as String(v.data(), v.size()):
+    // never null (an empty view gives a non-null empty string).
+    explicit String(std::string_view v) : String(v.data(), v.size()) {}
     // n copies of c.
     String(char c, unsigned long n);
 
@@ -237,6 +250,12 @@ public:
     bool isNull() const { return rep == nullptr; }
     // The representation, for inspection (sharing, capacity); null for a null string.
     StringRep const* representation() const { return rep; }
+    // The characters as a std::string_view of length() bytes (embedded NULs
+    // included); an empty view for a null string. Valid until the string is next
+    // changed or destroyed. The conversion is implicit, so a String can be passed
+    // wherever a std::string_view is expected.
+    std::string_view view() const { return std::string_view(text(), length()); }
+    operator std::string_view() const { return view(); }
 
     // Comparisons. Between two non-null strings: strcmp / strcasecmp of the texts.
     // With exactly one side null, the deliberate rules are:
@@ -273,11 +292,17 @@ public:
     // A null string becomes String(s) (non-null even for "" or null s).
     String& operator+=(char const* s);
     String& operator+=(char c);
-    // Decimal text of n ("%ld", "%lu").
+    // Decimal text of n ("%ld", "%lu"). Every integer width appends its decimal text
+    // (short, signed and unsigned char through int: a char is a character, above).
     String& operator+=(long n);
     String& operator+=(unsigned long n);
     String& operator+=(int n) { return *this += static_cast<long>(n); }
     String& operator+=(unsigned int n) { return *this += static_cast<unsigned long>(n); }
+    String& operator+=(long long n) {
+        static_assert(sizeof(long long) == sizeof(long), "long long is long's width on this platform");
+        return *this += static_cast<long>(n);
+    }
+    String& operator+=(unsigned long long n) { return *this += static_cast<unsigned long>(n); }
     // "%f": six decimals (1.5 appends "1.500000"); any double fits, 1e308 included.
     String& operator+=(double d);
     // Appends exactly n bytes of s; a null string becomes String(s, n).
@@ -329,6 +354,11 @@ public:
     // Makes room for n characters; n == 0 releases the buffer but keeps the string
     // non-null (and empty).
     void resizeFor(unsigned long n);
+    // Empties the string and keeps its buffer for the next appends: length 0,
+    // capacity unchanged, text() "". A buffer shared with other strings is left to
+    // them and this string becomes a non-null empty string without a buffer. A null
+    // string stays null.
+    void clear();
 
     // A new string with every from replaced by to, left to right, from the text up
     // to its first NUL; this string is unchanged. A null string gives a null result;
@@ -368,6 +398,10 @@ private:
 ZO_API String operator+(String const& a, String const& b);
 ZO_API String operator+(String const& a, char const* s);
 ZO_API String operator+(char const* s, String const& b);
+
+// Writes the string's length() bytes to os (nothing for a null string), with the
+// stream's formatting ignored.
+ZO_API std::ostream& operator<<(std::ostream& os, String const& s);
 
 // Always 0: the total-string-memory counter is kept for compatibility and is not
 // maintained.
@@ -500,3 +534,13 @@ private:
 };
 
 }  // namespace Utils
+
+// Hashing for std::unordered_map and friends. Equality of strings is strcmp's, which
+// stops at the first NUL, so the hash covers the text up to there: equal strings hash
+// alike, and the null string hashes as "" (the two compare equal).
+namespace std {
+template <>
+struct hash<Utils::String> {
+    size_t operator()(Utils::String const& s) const noexcept { return hash<string_view>()(string_view(s.text())); }
+};
+}  // namespace std

@@ -20,6 +20,9 @@
 // identifiers of the earlier pass through that second).
 #pragma once
 
+#include <cstddef>
+#include <functional>
+
 #include "utils/export.h"
 #include "utils/string.h"
 
@@ -57,6 +60,19 @@ public:
     // deliberately the reverse of strcmp's (kept: callers that sort rely on it):
     // 1 when this identifier is the smaller, -1 when it is the larger, 0 when equal.
     int compare(UID const& other) const;
+    // Equality of all three numbers.
+    bool operator==(UID const& other) const {
+        return machine == other.machine && time == other.time && sequence == other.sequence;
+    }
+    bool operator!=(UID const& other) const { return !(*this == other); }
+    // The natural order, for std::map, std::sort and friends: by machine, then time,
+    // then sequence, each unsigned. a < b exactly when a.compare(b) == 1 (compare's
+    // sign is the reverse of this order's, see above).
+    bool operator<(UID const& other) const {
+        if (machine != other.machine) return machine < other.machine;
+        if (time != other.time) return time < other.time;
+        return sequence < other.sequence;
+    }
     // True when any number is nonzero.
     bool valid() const;
     // True when valid and the time is below 0x10000000 (before 1997-08-11 17:02:55
@@ -86,3 +102,19 @@ public:
 };
 
 }  // namespace Utils
+
+// Hashing for std::unordered_map and friends: a mix of the three numbers, equal
+// identifiers hashing alike.
+namespace std {
+template <>
+struct hash<Utils::UID> {
+    size_t operator()(Utils::UID const& id) const noexcept {
+        unsigned long long h = (static_cast<unsigned long long>(id.machine) << 32) ^ id.time;
+        h ^= static_cast<unsigned long long>(id.sequence) * 0x9E3779B97F4A7C15ULL;
+        h ^= h >> 29;
+        h *= 0xBF58476D1CE4E5B9ULL;
+        h ^= h >> 32;
+        return static_cast<size_t>(h);
+    }
+};
+}  // namespace std

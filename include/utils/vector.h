@@ -30,6 +30,8 @@
 #pragma once
 
 #include <cstddef>
+#include <type_traits>
+#include <utility>
 
 #include "utils/export.h"
 
@@ -170,6 +172,21 @@ struct VectorLayout {
     void* data;
 };
 
+// The one builder of every vector table (the generic one below and the library's
+// scalar tables): the five element functions and the two offsets of VectorLayout.
+constexpr TemplOps vectorTable(unsigned int elemSize, void* (*allocArray)(unsigned long),
+                               void (*freeArray)(void*), void (*assign)(void*, void const*),
+                               int (*equals)(void const*, void const*), void (*reset)(void*)) {
+    return TemplOps{elemSize,
+                    allocArray,
+                    freeArray,
+                    assign,
+                    equals,
+                    reset,
+                    {static_cast<unsigned int>(offsetof(VectorLayout, capacity)),
+                     static_cast<unsigned int>(offsetof(VectorLayout, data)), 0, 0}};
+}
+
 // The table of T: built here for any copyable, default-constructible,
 // equality-comparable T. A library element type with an exported table specialises
 // this template (see below) before any Vector of it is used.
@@ -181,14 +198,8 @@ struct VectorOps {
     static int equals(void const* a, void const* b) { return *static_cast<T const*>(a) == *static_cast<T const*>(b) ? 1 : 0; }
     static void reset(void* element) { *static_cast<T*>(element) = T(); }
 
-    static constexpr TemplOps table = {static_cast<unsigned int>(sizeof(T)),
-                                       &allocArray,
-                                       &freeArray,
-                                       &assign,
-                                       &equals,
-                                       &reset,
-                                       {static_cast<unsigned int>(offsetof(VectorLayout, capacity)),
-                                        static_cast<unsigned int>(offsetof(VectorLayout, data)), 0, 0}};
+    static constexpr TemplOps table =
+        vectorTable(static_cast<unsigned int>(sizeof(T)), &allocArray, &freeArray, &assign, &equals, &reset);
     static TemplOps const& get() { return table; }
 };
 
@@ -226,7 +237,29 @@ public:
     static TemplOps const& ops() { return VectorOps<T>::get(); }
 
     void resizeFor(unsigned long n) { VectorBase::resizeFor(n, ops(), this); }
-    unsigned long add(T const& value) { return VectorBase::add(&value, ops(), this); }
+    // With a free slot and a table whose assign is T's own assignment (the generic
+    // table, or the library's scalar tables), add stores the element in place, inline;
+    // otherwise it calls the core, which grows the array and calls the table's assign.
+    unsigned long add(T const& value) {
+        if (count < capacity && plainTable()) {
+            data[count] = value;
+            return count++;
+        }
+        return VectorBase::add(&value, ops(), this);
+    }
+    // Move-add: as add(value), but with the generic table the element is moved into
+    // its slot (T's move assignment). A type with a table of its own is copied through
+    // that table's assign, exactly as add(T const&). Returns the new element's index,
+    // or count when the array could not grow (value is then left as it was).
+    unsigned long add(T&& value) {
+        if (!plainTable()) return VectorBase::add(&value, ops(), this);
+        if (count >= capacity) {
+            VectorBase::resizeFor(count + 1, ops(), this);
+            if (count >= capacity) return count;
+        }
+        data[count] = std::move(value);
+        return count++;
+    }
     void add(T const* values, unsigned long n) { VectorBase::add(values, n, ops(), this); }
     void insert(T const& value, unsigned long index) { VectorBase::insert(&value, index, ops(), this); }
     void insert(T const* values, unsigned long n, unsigned long index) {
@@ -282,6 +315,22 @@ public:
 
     unsigned long capacity;
     T* data;
+
+private:
+    template <class U, class = void>
+    struct HasGenericTable : std::false_type {};
+    template <class U>
+    struct HasGenericTable<U, decltype(void(&VectorOps<U>::table))> : std::true_type {};
+    static TemplOps const* genericTable(std::true_type) { return &VectorOps<T>::table; }
+    static TemplOps const* genericTable(std::false_type) { return nullptr; }
+    // True when the table's assign is T's assignment: the generic table, or one of the
+    // library's scalar tables (a word copy). Decided at compile time but for the
+    // comparison with the scalar tables, which are exported objects.
+    static bool plainTable() {
+        TemplOps const* t = &ops();
+        if (t == genericTable(HasGenericTable<T>())) return true;
+        return std::is_scalar<T>::value && (t == &templOpsUInt || t == &templOpsResultListener || t == &templOpsLogCat);
+    }
 };
 
 }  // namespace Utils

@@ -213,8 +213,18 @@ void rotateRight(AVLTreeIterBase& c) {
 }
 
 // Loop invariant: the subtree at link, a child of current, grew one level taller.
+// The tree's node count, when its record places one (root holds offset 0, so 0 means
+// none): raised for the node just stored at link, lowered by remove. Counting here
+// rather than where the node is made keeps the count right for callers that store
+// their own node at link (as the result tables do) before they rebalance.
+inline void countNodes(AVLTreeIterBase& c, long delta) {
+    if (unsigned int countAt = c.treeOps->offsets[1])
+        *reinterpret_cast<unsigned long*>(static_cast<char*>(c.tree) + countAt) += static_cast<unsigned long>(delta);
+}
+
 void rebalanceAfterInsert(AVLTreeIterBase& c) {
     Links k(c.nodeOps);
+    if (c.link && *c.link) countNodes(c, +1);
     while (adjustBalance(c) && c.current) {
         here(c, nullptr);
         c.current = k.parent(c.current);
@@ -225,6 +235,7 @@ AVLTreeNodeBase* remove(AVLTreeIterBase& c) {
     if (!c.current) return nullptr;
     Links k(c.nodeOps);
     AVLTreeNodeBase* a = c.current;
+    countNodes(c, -1);
 
     if (k.left(a) && k.right(a)) {
         // Exchange places with the in-order predecessor p (the rightmost node of the
@@ -277,6 +288,44 @@ AVLTreeNodeBase* remove(AVLTreeIterBase& c) {
 
     // Loop invariant: the child subtree of current on the side opposite to delta
     // (sibling points at current's other child) became one level shorter.
+    //
+    // The four cases, drawn for delta = +1 (the left subtree x of a got shorter, so a
+    // leans right; s is a's right child). delta = -1 is the mirror image.
+    /*
+      b == 0: a only leans now; its height is unchanged: stop.
+          a(0)              a(+1)
+         /    \     =>     /    \
+        x      s          x'     s
+
+      b == -delta (-1): a becomes balanced and one level shorter: climb.
+          a(-1)             a(0)
+         /    \     =>     /    \
+        x      s          x'     s
+
+      b == delta, s.balance == 0: one left rotation; the height is unchanged: stop.
+          a(+1)                  s(-1)
+         /    \                 /    \
+        x'     s(0)    =>     a(+1)   sr
+              /  \           /  \
+             sl   sr         x'   sl
+
+      b == delta, s.balance == delta: one left rotation; one level shorter: climb.
+          a(+1)                  s(0)
+         /    \                 /    \
+        x'     s(+1)   =>     a(0)    sr
+              /  \           /  \
+             sl   sr         x'   sl
+
+      b == delta, s.balance == -delta: right rotation of s, then left rotation of a
+      (g = s.left becomes the root); one level shorter: climb.
+          a(+1)                     g(0)
+         /    \                  /     \
+        x'     s(-1)     =>     a       s
+              /  \             / \     / \
+             g    sr          x' gl   gr  sr
+            / \
+           gl  gr
+    */
     while (c.current) {
         int b = c.current->balance;
         if (b == 0) {

@@ -34,25 +34,28 @@ namespace Utils {
 
 namespace {
 
-// Scalar tables: value-initialised arrays, so that a slot nobody wrote reads as its
-// reset value (0 or null).
+// A raw array of n scalar slots of size bytes each, not initialised; null when the
+// allocator has none or the size does not fit in a word.
+inline void* rawScalarArray(unsigned long n, unsigned long size) {
+    if (n > ULONG_MAX / size) return nullptr;
+    return ::operator new[](n * size, std::nothrow);
+}
+
+// Scalar tables: zeroed arrays, so that a slot nobody wrote reads as its reset value
+// (0 or null). The growth path below zeroes only the slots its copy leaves.
 template <class T>
 struct ScalarOps {
-    // nothrow: the value-initialisation is skipped, not done at null, on exhaustion.
-    static void* allocArray(unsigned long n) { return new (std::nothrow) T[n](); }
-    static void freeArray(void* array) { delete[] static_cast<T*>(array); }
+    static void* allocArray(unsigned long n) {
+        void* array = rawScalarArray(n, sizeof(T));
+        if (array) std::memset(array, 0, n * sizeof(T));
+        return array;
+    }
+    static void freeArray(void* array) { ::operator delete[](array); }
     static void assign(void* dst, void const* src) { *static_cast<T*>(dst) = *static_cast<T const*>(src); }
     static int equals(void const* a, void const* b) { return *static_cast<T const*>(a) == *static_cast<T const*>(b); }
     static void reset(void* element) { *static_cast<T*>(element) = T(); }
     static constexpr TemplOps table() {
-        return TemplOps{static_cast<unsigned int>(sizeof(T)),
-                        &allocArray,
-                        &freeArray,
-                        &assign,
-                        &equals,
-                        &reset,
-                        {static_cast<unsigned int>(offsetof(VectorLayout, capacity)),
-                         static_cast<unsigned int>(offsetof(VectorLayout, data)), 0, 0}};
+        return vectorTable(static_cast<unsigned int>(sizeof(T)), &allocArray, &freeArray, &assign, &equals, &reset);
     }
 };
 
@@ -179,19 +182,37 @@ inline unsigned long findLast(TemplOps const& ops, char const* data, unsigned lo
     return count;
 }
 
-// False, with nothing changed, when allocArray gives no array.
-bool growFor(unsigned long count, unsigned long n, TemplOps const& ops, void* self) {
-    unsigned long& capacity = capacityOf(ops, self);
-    if (n <= capacity) return true;
-    unsigned long newCapacity = grownCapacity(n, capacity);
-    char* fresh = static_cast<char*>(ops.allocArray(newCapacity));
-    if (!fresh) return false;
+// The one reallocation step of growth and of sizeToExact: a new array of newCapacity
+// slots, the count live elements assigned into it in index order, the new capacity
+// stored, the old array freed, the new one stored as data. count must not exceed
+// newCapacity. False, with nothing changed, when no array is given (an array of 0
+// slots may come back null and is then used as it comes). For the scalar tables the
+// array is taken raw, the live words are copied and only the slots beyond them are
+// zeroed: the same array as allocArray followed by the assigns, each byte written once.
+bool moveToNewArray(unsigned long count, unsigned long newCapacity, TemplOps const& ops, void* self) {
     char*& data = dataOf(ops, self);
-    assignUp(ops, fresh, data, count);
-    capacity = newCapacity;
+    char* fresh;
+    if (wordTable(ops)) {
+        fresh = static_cast<char*>(rawScalarArray(newCapacity, ops.elemSize));
+        if (!fresh && newCapacity) return false;
+        if (count) std::memcpy(fresh, data, count * ops.elemSize);
+        if (newCapacity > count) std::memset(fresh + count * ops.elemSize, 0, (newCapacity - count) * ops.elemSize);
+    } else {
+        fresh = static_cast<char*>(ops.allocArray(newCapacity));
+        if (!fresh && newCapacity) return false;
+        assignUp(ops, fresh, data, count);
+    }
+    capacityOf(ops, self) = newCapacity;
     ops.freeArray(data);
     data = fresh;
     return true;
+}
+
+// False, with nothing changed, when allocArray gives no array.
+bool growFor(unsigned long count, unsigned long n, TemplOps const& ops, void* self) {
+    unsigned long capacity = capacityOf(ops, self);
+    if (n <= capacity) return true;
+    return moveToNewArray(count, grownCapacity(n, capacity), ops, self);
 }
 
 bool removeOrdered(unsigned long& count, unsigned long index, TemplOps const& ops, void* self) {
@@ -324,16 +345,7 @@ void VectorBase::sizeTo(unsigned long n, TemplOps const& ops, void* self) {
 
 void VectorBase::sizeToExact(unsigned long n, TemplOps const& ops, void* self) {
     assert(n >= count && "sizeToExact below count");
-    unsigned long& capacity = capacityOf(ops, self);
-    if (n != capacity) {
-        char* fresh = static_cast<char*>(ops.allocArray(n));
-        if (!fresh && n) return;
-        char*& data = dataOf(ops, self);
-        assignUp(ops, fresh, data, count);
-        capacity = n;
-        ops.freeArray(data);
-        data = fresh;
-    }
+    if (n != capacityOf(ops, self) && !moveToNewArray(count, n, ops, self)) return;
     count = n;
 }
 

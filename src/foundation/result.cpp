@@ -16,9 +16,10 @@
 //    gTextBuffers, which keeps them reachable until the process ends.
 //  - raiseError can be reached when memory is exhausted, also from an allocation
 //    made under one of the hub's or these tables' locks on the same thread. It then
-//    only returns the code (see log/held_lock.h). An error raised while the same
-//    thread is logging an error (a sink out of memory) is recorded and notified but
-//    not logged, so the raising never recurses through the log without end.
+//    only returns the code. An error raised while the same thread is logging an
+//    error (a sink out of memory) is recorded and notified but not logged, so the
+//    raising never recurses through the log without end (library/reentry.h draws
+//    the cycle and its guards).
 #include "utils/result.h"
 
 #include <atomic>
@@ -26,7 +27,7 @@
 #include <new>
 
 #include "foundation/result_tables.h"
-#include "log/held_lock.h"
+#include "library/reentry.h"
 #include "misc/constinit.h"
 #include "platform/platform.h"
 #include "utils/avltree.h"
@@ -53,8 +54,6 @@ Undestroyed<AVLTree<unsigned long, unsigned int>> gLastErrors;  // task -> last 
 Undestroyed<Vector<unsigned int>> gSuppressed;                   // unordered, duplicates allowed
 AVLTree<unsigned int, char const*>* gTexts = nullptr;            // code -> caller's text, not copied
 Vector<ResultListener const*>* gListeners = nullptr;
-
-thread_local bool tLoggingError = false;
 
 // One thread's buffer for generated texts; see the invariants above.
 struct TextBuffer {
@@ -103,12 +102,6 @@ unsigned int* lastErrorSlot(unsigned long task) {
     return &node->value;
 }
 
-class LoggingError {
-public:
-    LoggingError() { tLoggingError = true; }
-    ~LoggingError() { tLoggingError = false; }
-};
-
 }  // namespace
 
 ResultListener::~ResultListener() = default;
@@ -118,14 +111,14 @@ unsigned int raiseError(unsigned int code) {
     unsigned long task = currentTask();
     bool suppressed;
     {
-        HeldLock g(gResultLock);
+        HeldLock<platform::TableLock> g(gResultLock);
         if (unsigned int* slot = lastErrorSlot(task)) *slot = code;
         unsigned long index;
         suppressed = gSuppressed.value.locate(code, index);
     }
     if (suppressed) return code;
-    if (!tLoggingError) {
-        LoggingError busy;
+    if (!detail::loggingError()) {
+        detail::LoggingError busy;
         Log::theLog()->print(MessageError, "utils", -3, kRaiseFile, kRaiseLine, "Raising error: %s",
                              resultToString(code));
     }
@@ -134,7 +127,7 @@ unsigned int raiseError(unsigned int code) {
     for (unsigned long i = 0;; ++i) {
         ResultListener const* listener;
         {
-            HeldLock g(gResultLock);
+            HeldLock<platform::TableLock> g(gResultLock);
             if (!gListeners || i >= gListeners->count) break;
             listener = (*gListeners)[i];
         }
@@ -145,30 +138,30 @@ unsigned int raiseError(unsigned int code) {
 
 unsigned int lastError() {
     unsigned long task = currentTask();
-    HeldLock g(gResultLock);
+    HeldLock<platform::TableLock> g(gResultLock);
     unsigned int* slot = lastErrorSlot(task);
     return slot ? *slot : 0u;
 }
 
 void clearError() {
     unsigned long task = currentTask();
-    HeldLock g(gResultLock);
+    HeldLock<platform::TableLock> g(gResultLock);
     if (unsigned int* slot = lastErrorSlot(task)) *slot = 0u;
 }
 
 void setErrorSuppressed(unsigned int code) {
-    HeldLock g(gResultLock);
+    HeldLock<platform::TableLock> g(gResultLock);
     gSuppressed.value.add(code);
 }
 
 void clearErrorSuppressed(unsigned int code) {
-    HeldLock g(gResultLock);
+    HeldLock<platform::TableLock> g(gResultLock);
     gSuppressed.value.remove(code);
 }
 
 char const* resultToString(unsigned int code) {
     {
-        HeldLock g(gResultLock);
+        HeldLock<platform::TableLock> g(gResultLock);
         if (gTexts) {
             AVLTreeIter<unsigned int, char const*> it = gTexts->find(code);
             if (it.valid()) return it.value();
@@ -181,7 +174,7 @@ char const* resultToString(unsigned int code) {
 }
 
 ResultString::ResultString(unsigned int c, char const* text) : code(c) {
-    HeldLock g(gResultLock);
+    HeldLock<platform::TableLock> g(gResultLock);
     if (!gTexts) gTexts = new (std::nothrow) AVLTree<unsigned int, char const*>;
     // First registration wins: insert keeps an existing text.
     if (gTexts) gTexts->insert(code, text);
@@ -189,28 +182,52 @@ ResultString::ResultString(unsigned int c, char const* text) : code(c) {
 
 // Kept: removes the code's text whoever registered it.
 ResultString::~ResultString() {
-    HeldLock g(gResultLock);
+    HeldLock<platform::TableLock> g(gResultLock);
     if (gTexts) gTexts->remove(code);
 }
 
 void addResultListener(ResultListener const* listener) {
-    HeldLock g(gResultLock);
+    HeldLock<platform::TableLock> g(gResultLock);
     if (!gListeners) gListeners = new (std::nothrow) Vector<ResultListener const*>;
     if (gListeners) gListeners->add(listener);
 }
 
 void removeResultListener(ResultListener const* listener) {
-    HeldLock g(gResultLock);
+    HeldLock<platform::TableLock> g(gResultLock);
     if (gListeners) gListeners->remove(listener);
 }
 
 namespace detail {
 
 void releaseResultTables() {
-    HeldLock g(gResultLock);
+    HeldLock<platform::TableLock> g(gResultLock);
     gSuppressed.value.purge();
-    delete static_cast<LastErrors::Node*>(gLastErrors.value.root);
-    gLastErrors.value.root = nullptr;
+    gLastErrors.value.clear();
+}
+
+// The tables against their own invariants (see the top of this file): both trees
+// sound, the suppressed list and the listener list sound vectors, no listener null,
+// and the chain of text buffers finite.
+char const* verifyResultTables() {
+    HeldLock<platform::TableLock> g(gResultLock);
+    if (char const* e = gLastErrors.value.verify()) return e;
+    if (char const* e = gSuppressed.value.verify()) return e;
+    if (gTexts)
+        if (char const* e = gTexts->verify()) return e;
+    if (gListeners) {
+        if (char const* e = gListeners->verify()) return e;
+        for (unsigned long i = 0; i < gListeners->count; ++i)
+            if (!(*gListeners)[i]) return "result tables: a listener is null";
+    }
+    // Floyd's walk: a cycle would make the chain endless.
+    TextBuffer const* slow = gTextBuffers.load(std::memory_order_acquire);
+    TextBuffer const* fast = slow;
+    while (fast && fast->next) {
+        slow = slow->next;
+        fast = fast->next->next;
+        if (slow == fast) return "result tables: the text buffers form a cycle";
+    }
+    return nullptr;
 }
 
 }  // namespace detail

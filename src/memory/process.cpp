@@ -22,13 +22,13 @@
 //
 // Locks. One platform::ProcessLock per arena, statically zero-initialised, so it
 // works before any constructor has run; re-entrant from the owning thread, and
-// reset in the child after fork (every lock is taken around fork). Arena locks are the
-// innermost locks of the library: nothing called with one held takes another
+// reset in the child after fork (every lock is taken around fork). Arena locks are
+// the innermost locks of the library: nothing called with one held takes another
 // library lock, and HostAllocator defers raising 0x80000002 until the thread has
-// left the allocator, so that listeners and the log run unlocked and may allocate.
-// A thread-local guard keeps a raise that itself runs out of memory from raising
-// again. No thread holds two arena locks except a query or fork, which take them
-// in index order.
+// left the allocator, so that listeners and the log run unlocked and may allocate
+// (the guards that do this, tInside and the pending raise, are drawn with the
+// whole raise/log/allocate cycle in library/reentry.h). No thread holds two arena
+// locks except a query or fork, which take them in index order.
 //
 // No lock while alone. While the process has a single thread and no shard exists,
 // arena 0 is used without its lock, as glibc's malloc does (SINGLE_THREAD_P). This
@@ -50,24 +50,25 @@
 #include <cstring>
 #include <new>
 
+#include "library/reentry.h"
 #include "memory/census.h"
 #include "memory/process_internal.h"
 #include "memory/watch.h"
 #include "misc/constinit.h"
 #include "platform/platform.h"
 #include "utils/allocator.h"
-#include "utils/result.h"
 #include "zosys.h"
 
 namespace Utils {
+
+using detail::raiseOutOfMemory;
+using detail::tInside;
+using detail::tPendingOutOfMemory;
 
 namespace {
 
 constexpr unsigned int kArenas = 64;  // arena 0 and up to 63 shards
 
-__attribute__((tls_model("initial-exec"))) thread_local unsigned int tInside;  // allocator calls under way
-__attribute__((tls_model("initial-exec"))) thread_local bool tPendingOutOfMemory;
-__attribute__((tls_model("initial-exec"))) thread_local bool tRaising;
 // This thread's arena, as index + 1; 0 until its first allocation.
 __attribute__((tls_model("initial-exec"))) thread_local unsigned char tArena;
 // This thread's default colour, mirrored from the arena's thread-local slot so that
@@ -78,13 +79,6 @@ using platform::ProcessLock;
 
 // Zero-initialised: usable before any constructor.
 ProcessLock gLocks[kArenas];
-
-void raiseOutOfMemory() {
-    if (tRaising) return;  // exhausted again while raising: once is enough
-    tRaising = true;
-    raiseError(kResultOutOfMemory);
-    tRaising = false;
-}
 
 // Marks the calling thread as inside the allocator; the out-of-memory raise that
 // the host deferred runs when the outermost call leaves.

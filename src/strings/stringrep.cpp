@@ -1,17 +1,18 @@
 // StringRep: the counted, NUL-terminated buffer behind every String.
 //
-// Layout and invariants (checked by tests through the public fields):
+// Layout (the invariants are stated once, with the class in utils/string.h):
 //
 //   data --> [c0 c1 ... c(length-1) NUL  slack ...........]
 //             <------------- capacity (as reported) ------>
 //
-//  - capacity == 0: nothing owned; data == emptyText(), length == 0. Every release
-//    path (resizeFor(0), donate, trim of an all-blank text, the destructor) ends here.
-//  - capacity != 0: data is a block of bufferAllocator(), capacity is the block's
-//    usable size as reported (clamped to 32 bits), capacity > length and
-//    data[length] == NUL.
-//  - A buffer only grows (to the smallest power of two above the request, at least
-//    16 bytes) and keeps the memory colour of the block it replaces.
+// How this file keeps them:
+//  - Every release path (resizeFor(0), donate, trim of an all-blank text, the
+//    destructor) ends at capacity 0 with data on the shared empty text.
+//  - "The process allocator" of the invariants is reached through
+//    StringInternal::bufferAllocator(), which tests may route to another allocator
+//    (string_testing.h); nothing else here names an allocator.
+//  - Every growth goes through takeBlock() and adopt(): the capacity rule, the
+//    colour of the replaced block, the reported size clamped to 32 bits.
 //  - length <= String::maxLength, so that npos (0xFFFFFFFF) is never a position and
 //    no 32-bit field wraps. Every position and count argument is compared at its full
 //    64-bit width before it is narrowed into a field.
@@ -121,28 +122,44 @@ StringRep& StringRep::operator=(char c) {
 
 unsigned long StringRep::sizeFor(unsigned long n) { return StringInternal::capacityRule(n); }
 
-bool StringRep::grow(unsigned long n) {
-    // Precondition: 0 < n <= String::maxLength.
-    unsigned long r = StringInternal::capacityRule(n);
-    if (r <= capacity) return true;
+// The one reallocation step of every growth (grow, and append from its own text): a
+// block of the capacity rule for n characters, in the colour of the current block when
+// there is one. Null, with nothing changed, when the allocator has no block or reports
+// one too small for n characters and the NUL; otherwise *usable is its reported size,
+// clamped to the 32 bits of capacity (the rest stays unused). The caller copies what
+// it keeps, then hands the old block to adopt().
+char* StringRep::takeBlock(unsigned long n, unsigned int* usable) const {
     Allocator* a = StringInternal::bufferAllocator();
+    unsigned long r = StringInternal::capacityRule(n);
     void* block = capacity ? a->alloc(r, a->color(data)) : a->alloc(r);
-    if (!block) return false;
+    if (!block) return nullptr;
     unsigned long got = a->size(block);
     if (got <= n) {  // an allocator that reports less than it was asked for
         a->free(block);
-        return false;
+        return nullptr;
     }
-    if (got > 0xFFFFFFFFUL) got = 0xFFFFFFFFUL;  // capacity is 32 bits; the rest stays unused
-    char* fresh = static_cast<char*>(block);
-    unsigned long keep = std::min<unsigned long>(length, n);
-    if (capacity) {
-        std::memcpy(fresh, data, keep);
-        a->free(data);
-    }
-    fresh[keep] = 0;  // terminated even before the caller writes, so text() is always a C string
+    *usable = got > 0xFFFFFFFFUL ? 0xFFFFFFFFU : static_cast<unsigned int>(got);
+    return static_cast<char*>(block);
+}
+
+// Frees the current block (when one is owned) and makes fresh, of usable bytes, the
+// buffer; length is left to the caller.
+void StringRep::adopt(char* fresh, unsigned int usable) {
+    if (capacity) StringInternal::bufferAllocator()->free(data);
     data = fresh;
-    capacity = static_cast<unsigned int>(got);
+    capacity = usable;
+}
+
+bool StringRep::grow(unsigned long n) {
+    // Precondition: 0 < n <= String::maxLength.
+    if (StringInternal::capacityRule(n) <= capacity) return true;
+    unsigned int usable = 0;
+    char* fresh = takeBlock(n, &usable);
+    if (!fresh) return false;
+    unsigned long keep = std::min<unsigned long>(length, n);
+    if (capacity) std::memcpy(fresh, data, keep);
+    fresh[keep] = 0;  // terminated even before the caller writes, so text() is always a C string
+    adopt(fresh, usable);
     length = static_cast<unsigned int>(keep);
     return true;
 }
@@ -201,22 +218,12 @@ void StringRep::append(char const* s, unsigned long n) {
     if (StringInternal::capacityRule(length + n) <= capacity) {
         std::memmove(data + length, data + offset, n);
     } else {
-        Allocator* a = StringInternal::bufferAllocator();
-        unsigned long r = StringInternal::capacityRule(length + n);
-        void* block = a->alloc(r, a->color(data));
-        if (!block) return;
-        unsigned long got = a->size(block);
-        if (got <= length + n) {
-            a->free(block);
-            return;
-        }
-        if (got > 0xFFFFFFFFUL) got = 0xFFFFFFFFUL;
-        char* fresh = static_cast<char*>(block);
+        unsigned int usable = 0;
+        char* fresh = takeBlock(length + n, &usable);
+        if (!fresh) return;
         std::memcpy(fresh, data, length);
-        std::memcpy(fresh + length, data + offset, n);
-        a->free(data);
-        data = fresh;
-        capacity = static_cast<unsigned int>(got);
+        std::memcpy(fresh + length, data + offset, n);  // read from the old block, still owned
+        adopt(fresh, usable);
     }
     length += static_cast<unsigned int>(n);
     data[length] = 0;
@@ -388,11 +395,7 @@ void StringRep::substitute(char const* from, char const* to) {
     unsigned long f = std::strlen(from);
     unsigned long t = std::strlen(to);
 
-    unsigned long matches = 0;
-    for (char const* p = std::strstr(data, from); p; p = std::strstr(p + f, from)) {
-        ++matches;
-        if (static_cast<unsigned long>(p - data) + f >= length) break;
-    }
+    unsigned long matches = StringInternal::countMatches(data, from, f);
     if (matches == 0) return;
 
     unsigned long shift = 0;  // how far the original text moves right before rewriting
@@ -407,21 +410,11 @@ void StringRep::substitute(char const* from, char const* to) {
     } else {
         newLength = length - matches * (f - t);
     }
-    // Rewrite: r reads the original text, w writes the result. r - w is the growth
-    // still owed to the matches ahead, so the writer never overtakes unread text.
-    char* w = data;
-    char const* r = data + shift;
-    char const* end = data + shift + length;
-    for (unsigned long k = 0; k < matches; ++k) {
-        char const* m = std::strstr(r, from);
-        unsigned long gap = static_cast<unsigned long>(m - r);
-        std::memmove(w, r, gap);
-        w += gap;
-        std::memcpy(w, to, t);
-        w += t;
-        r = m + f;
-    }
-    std::memmove(w, r, static_cast<unsigned long>(end - r) + 1);
+    // Rewrite from the shifted copy down to the start: the reader is ahead of the
+    // writer by the growth still owed to the matches ahead, so it is never overtaken.
+    // The characters after an embedded NUL come along unchanged.
+    StringInternal::writeSubstituted(data, data + shift, length, matches, from, f, to, t);
+    data[newLength] = 0;
     length = static_cast<unsigned int>(newLength);
 }
 

@@ -14,13 +14,14 @@
 #include <new>
 #include <strings.h>
 
+#include "strings/string_internal.h"
 #include "utils/string.h"
 
 namespace Utils {
 
 namespace {
 
-inline char const* orEmpty(char const* s) { return s ? s : StringRep::emptyText(); }
+using StringInternal::orEmpty;
 
 // strncmp / strncasecmp of a (NUL-terminated) against the n characters at b.
 int boundedCompare(char const* a, char const* b, unsigned long n, bool caseless) {

@@ -15,6 +15,23 @@ inline unsigned long scaled(unsigned long base) {
     return k ? base * k : base;
 }
 
+// A small deterministic generator for randomised walks (xorshift64): the same seed
+// gives the same walk, so a failing step can be replayed.
+class Walk {
+public:
+    explicit Walk(unsigned long seed) : state_(seed ? seed : 1) {}
+    // A value below `bound` (bound > 0).
+    unsigned long below(unsigned long bound) {
+        state_ ^= state_ << 13;
+        state_ ^= state_ >> 7;
+        state_ ^= state_ << 17;
+        return state_ % bound;
+    }
+
+private:
+    unsigned long state_;
+};
+
 // True when the process runs under a sanitizer whose own operator new
 // replaces the library's (AddressSanitizer, ThreadSanitizer).
 inline bool sanitizerOwnsOperatorNew() {
