@@ -784,6 +784,40 @@ TEST(String, ZeroLengthEditsStillGrowAnAdoptedBufferToTheCapacityRule) {
     EXPECT_NE(r.data, block);
 }
 
+TEST(String, AppendingACharacterInlineOnlyWhereTheCapacityRuleLeavesRoom) {
+    TestAllocator ta;
+    RouteBuffers route(&ta);
+    // An adopted buffer sits below the rule ("abc" adopted with capacity 4): the
+    // character takes the out-of-line step, which grows it to the rule's 16. (A
+    // block's slack beyond the rule is never used; the move test above pins that.)
+    char* block = static_cast<char*>(ta.alloc(4));
+    std::memcpy(block, "abc", 4);
+    String adopted;
+    adopted.consume(block);
+    adopted += 'd';
+    EXPECT_EQ(str(adopted), "abcd");
+    EXPECT_EQ(adopted.representation()->capacity, 16u);
+    EXPECT_NE(adopted.text(), block);
+    // A shared text is copied before the write; the other holder keeps its text.
+    String a("xy");
+    String b = a;
+    b += 'z';
+    EXPECT_EQ(str(a), "xy");
+    EXPECT_EQ(str(b), "xyz");
+    EXPECT_NE(a.representation(), b.representation());
+    // A null string becomes the one character; a NUL is a character like any other.
+    String n;
+    n += '\0';
+    EXPECT_EQ(n.length(), 1u);
+    // The only holder with room writes in place: same buffer, NUL kept after the text.
+    String o("ab");
+    char const* before = o.text();
+    o += 'c';
+    EXPECT_EQ(o.text(), before);
+    EXPECT_EQ(std::memcmp(o.text(), "abc", 4), 0);
+    EXPECT_EQ(repProblem(o.representation()), "");
+}
+
 TEST(String, ConcatenationCopiesTheLeftOperandAndAppendsTheRight) {
     EXPECT_EQ(str(String("ab") + String("cd")), "abcd");
     EXPECT_EQ(str(String("ab") + "cd"), "abcd");

@@ -291,7 +291,27 @@ public:
     String& operator+=(String const& o);
     // A null string becomes String(s) (non-null even for "" or null s).
     String& operator+=(char const* s);
-    String& operator+=(char c);
+    // One character. The common case (the only holder of a buffer that still has
+    // room under the capacity rule) is written inline; every other case (a null or
+    // shared string, a full buffer, one adopted below the rule) goes to the
+    // out-of-line step, which grows, unshares or creates exactly as append(c) does.
+    String& operator+=(char c) {
+#if defined(__GNUC__)
+        if (StringRep* r = rep; r && r->refs == 1) {
+            unsigned long n = r->length + 1UL;  // the length after this character
+            // StringRep::sizeFor(n): the smallest power of two above n, at least 16.
+            unsigned long rule = n <= 15 ? 16UL : 1UL << (64 - __builtin_clzl(n));
+            if (rule <= r->capacity) {
+                char* d = r->data;
+                d[n - 1] = c;
+                d[n] = 0;
+                r->length = static_cast<unsigned int>(n);
+                return *this;
+            }
+        }
+#endif
+        return appendOneChar(c);
+    }
     // Decimal text of n ("%ld", "%lu"). Every integer width appends its decimal text
     // (short, signed and unsigned char through int: a char is a character, above).
     String& operator+=(long n);
@@ -390,6 +410,8 @@ private:
     friend class StringChar;
     ZO_STRING_PRIVATE bool makeOwn(bool create);
     ZO_STRING_PRIVATE bool appendInPlace(char const* s, unsigned long n);
+    // operator+=(char) beyond its inline case; exported because that case is inline.
+    String& appendOneChar(char c);
 
     StringRep* rep;
 };

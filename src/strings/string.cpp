@@ -189,7 +189,7 @@ String& String::operator+=(char const* s) {
     return *this;
 }
 
-String& String::operator+=(char c) {
+String& String::appendOneChar(char c) {
     if (!rep) return *this = String(c);
     StringRep* r = rep;
     if (r->refs == 1 && StringInternal::capacityRule(r->length + 1UL) <= r->capacity) {  // as appendInPlace
