@@ -418,6 +418,7 @@ void BSDAllocator::freePages(void* ptr, unsigned long index, unsigned long entry
             // No record chunk is free, and getting one must not allocate pages: the
             // run's first page becomes a page of records. The run keeps its place.
             pginfo* info = reinterpret_cast<pginfo*>(start);
+            watch::expose(start, kPageSize);  // released a moment ago: the record is written here
             directory[index] = reinterpret_cast<unsigned long>(info);
             allocatedTotal() += static_cast<unsigned int>(kPageSize);
             allocatedByColor()[0] += static_cast<unsigned int>(kPageSize);
