@@ -10,7 +10,8 @@
 #include "utils/vector.h"
 
 void tourContainers() {
-    std::printf("\n-- Containers --\n");
+    std::printf("\n-- Containers --\n"
+                "[examples/tour_containers.cpp: Utils::Vector (utils/vector.h), Utils::AVLTree (utils/avltree.h)]\n");
     Utils::Vector<unsigned int> v;
     for (unsigned int i = 1; i <= 17; ++i) v.add(i * i);
     std::printf("17 adds: count %lu, capacity %lu (doubling from 4 up to 16, then about 10%% headroom)\n",

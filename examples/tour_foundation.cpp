@@ -6,7 +6,7 @@
 #include "zosys.h"
 
 void tourSystemLayer() {
-    std::printf("\n-- System layer --\n");
+    std::printf("\n-- System layer --\n[examples/tour_foundation.cpp: ZoIF_ functions (zosys.h)]\n");
     std::printf("task %d, cooperative task %d\n", ZoIF_CurrentTaskId(), ZoIF_CurrentTaskIdCoop());
     unsigned slot = ZoIF_AllocateTLSCoop();
     std::printf("fresh TLS slot %u reads %u; ", slot, ZoIF_GetTLSCoop(slot));
@@ -32,7 +32,8 @@ struct Greeting : Utils::Object {
 }  // namespace
 
 void tourObjects() {
-    std::printf("\n-- Object model --\n");
+    std::printf("\n-- Object model --\n"
+                "[examples/tour_foundation.cpp: Utils::Object, Utils::CountedRef (utils/object.h)]\n");
     Utils::CountedRef<Greeting> a(new Greeting);
     {
         Utils::CountedRef<Greeting> b = a;

@@ -15,7 +15,9 @@ struct Announcer : Utils::ResultListener {
 
 void tourLog() {
     using namespace Utils;
-    std::printf("\n-- Logging and errors --\n");
+    std::printf("\n-- Logging and errors --\n"
+                "[examples/tour_log.cpp: Utils::Log, ZO_LOG_* (utils/log.h);\n"
+                "  raiseError, ResultListener (utils/result.h)]\n");
     Log* log = Log::theLog();
     log->setLogger(new StdLogger(StdLogger::StdOut));  // the tour reads better on one stream
 

@@ -10,7 +10,8 @@
 #include "utils/allocator.h"
 
 void tourMemory() {
-    std::printf("\n-- Memory colours --\n");
+    std::printf("\n-- Memory colours --\n"
+                "[examples/tour_memory.cpp: Utils::MemoryColor, Allocator::theAllocator() (utils/allocator.h)]\n");
     Utils::Allocator* heap = Utils::Allocator::theAllocator();
     const unsigned int kCache = 5, kIndex = 9;
     // Names shown by the memory report.

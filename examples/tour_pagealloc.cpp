@@ -44,7 +44,7 @@ private:
 }  // namespace
 
 void tourPageAlloc() {
-    std::printf("\n-- Page allocator --\n");
+    std::printf("\n-- Page allocator --\n[examples/tour_pagealloc.cpp: Utils::BSDAllocator (utils/allocator.h)]\n");
     AlignedParent parent;  // outlives the page allocator below
     Utils::BSDAllocator pages(&parent);
     pages.init();
@@ -59,7 +59,8 @@ void tourPageAlloc() {
     std::printf("after release: colour 3 holds %lu bytes; %lu bytes wait in free runs\n",
                 pages.allocatedColorMemory(3), pages.internalFree());
 
-    std::printf("\n-- Simple allocator --\n");
+    std::printf("\n-- Simple allocator --\n"
+                "[examples/tour_pagealloc.cpp: Utils::SimpleAllocator (utils/allocator.h)]\n");
     Utils::SimpleAllocator simple;
     simple.setDefaultColor(7, nullptr);
     void* block = simple.alloc(57);

@@ -10,7 +10,7 @@
 
 void tourStrings() {
     using Utils::String;
-    std::printf("\n-- Strings --\n");
+    std::printf("\n-- Strings --\n[examples/tour_strings.cpp: Utils::String, Utils::SubString (utils/string.h)]\n");
     String s("hello, world");
     String copy = s;  // shares the buffer
     std::printf("copy shares the buffer: %s\n", copy.representation() == s.representation() ? "yes" : "no");
@@ -40,7 +40,9 @@ void tourStrings() {
 
     String pad("ab");
     pad[5] = 'x';  // past the end: pads with blanks and stores nothing
-    std::printf("\"ab\" after [5] = 'x': \"%s\" (length %lu)\n", pad.text(), pad.length());
+    std::printf("\"ab\" after [5] = 'x': \"%s\" (length %lu: a write past the end pads with blanks up to the\n"
+                "  position and stores nothing, so the 'x' is not kept)\n",
+                pad.text(), pad.length());
     std::printf("null vs empty: String() == \"\" is %s, String() < \"a\" is %s\n",
                 String() == String("") ? "true" : "false", String() < String("a") ? "true" : "false");
 

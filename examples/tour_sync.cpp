@@ -12,7 +12,8 @@
 #include "utils/version.h"
 
 void tourSync() {
-    std::printf("\n-- Identifiers and versions --\n");
+    std::printf("\n-- Identifiers and versions --\n"
+                "[examples/tour_sync.cpp: Utils::UID (utils/uid.h), Utils::Version (utils/version.h)]\n");
     Utils::UID first, second;
     first.generate();
     second.generate();
@@ -31,14 +32,18 @@ void tourSync() {
                 byId.begin()->second, ids.size(), first < second ? "true" : "false");
 
     Utils::CountedRef<Utils::Version> lib = Utils::Version::theVersion();
-    std::printf("library version %s, numbers %u.%u.%u.%u (every number is read from the first component)\n",
+    std::printf("library version %s, numbers %u.%u.%u.%u (by design each of the four numbers is read from the\n"
+                "  text's first dotted component, so the numbers of \"1.1.1.1507\" are 1.1.1.1)\n",
                 lib->asString().text(), lib->major(), lib->minor(), lib->revision(), lib->build());
     Utils::CountedRef<Utils::Version> older = Utils::Version::create(2, 0, 13, 400);
     Utils::CountedRef<Utils::Version> newer = Utils::Version::create(2, 1, 0, 0);
     std::printf("%s compared with %s: %d\n", older->asString().text(), newer->asString().text(),
                 older->compare(newer.get()));
 
-    std::printf("\n-- Locks, events and time --\n");
+    std::printf("\n-- Locks, events and time --\n"
+                "[examples/tour_sync.cpp: Utils::Mutex, Utils::Locker (utils/lock.h),\n"
+                "  Utils::WaitableEvent (utils/event.h),"
+                " Utils::ZotLightBLock (utils/lock.h), Utils::Time (utils/time.h)]\n");
 
     // Two threads add to one counter under a Mutex held by a scoped Locker.
     Utils::Mutex mutex;
@@ -75,6 +80,7 @@ void tourSync() {
     std::printf("after two unlocks: owner %d\n", light.ownerTask());
 
     // Ticks of any clock become seconds with 16 fractional bits.
-    std::printf("Time(3, 2) = %lld units = %.4f s; Time(1, 3) = %lld\n", Utils::Time(3, 2).value,
-                Utils::Time(3, 2).value / 65536.0, Utils::Time(1, 3).value);
+    std::printf("Time(3, 2), 3 ticks of a 2 Hz clock, = %lld units of 1/65536 s = %.4f s;\n"
+                "  Time(1, 3), a third of a second, = %lld units (truncated toward zero)\n",
+                Utils::Time(3, 2).value, Utils::Time(3, 2).value / 65536.0, Utils::Time(1, 3).value);
 }

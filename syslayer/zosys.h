@@ -77,7 +77,7 @@
  *      2. the file named by ZOSYS_CONFIG;
  *      3. the user file $XDG_CONFIG_HOME/zoutils/zoutils.conf
  *         (default ~/.config/zoutils/zoutils.conf);
- *      4. the system files <dir>/zoutils/zoutils.conf for each dir of
+ *      4. the system files DIR/zoutils/zoutils.conf for each DIR of
  *         $XDG_CONFIG_DIRS (default /etc/xdg), the first listed dir first.
  *    Within one file a later line beats an earlier one. All variables are read
  *    with secure_getenv (a set-user-id process sees only the system files).
@@ -111,6 +111,13 @@
 #define ZOSYS_API __attribute__((visibility("default")))
 #else
 #define ZOSYS_API
+#endif
+/* A test seam of the layer: exported only by the internal build the layer's own
+ * tests link (ZOUTILS_EXPORT_TEST_API); the installed layer keeps it hidden. */
+#if defined(__GNUC__) && !defined(ZOUTILS_EXPORT_TEST_API)
+#define ZOSYS_TEST_API __attribute__((visibility("hidden")))
+#else
+#define ZOSYS_TEST_API ZOSYS_API
 #endif
 
 #ifdef __cplusplus

@@ -312,9 +312,9 @@ private:
     char const* verifyIndex(unsigned long freeExact, unsigned long freeLarge) const;
     MemHead* header(void* p) const;
     // alloc and free as seen by a memory checker (memory/watch.h).
-    void* watchedAlloc(unsigned long size, unsigned int color);
-    void watchedRelease(void* p);
-    unsigned long plainSize(void* p) const;
+    ZO_INTERNAL void* watchedAlloc(unsigned long size, unsigned int color);
+    ZO_INTERNAL void watchedRelease(void* p);
+    ZO_INTERNAL unsigned long plainSize(void* p) const;
 };
 
 // The parent of the process arena: draws raw regions from the system layer and
@@ -474,15 +474,15 @@ private:
     bool setUp();
     // imalloc and ifree without telling a memory checker: the allocator's own
     // records and pages.
-    void* take(unsigned long size, unsigned int color);
-    void give(void* p);
-    unsigned long usable(void* p) const;
-    void keepRegion(void* raw, unsigned long bytes);
-    unsigned long entryAt(void const* p) const;
-    bool lookup(void const* p, bool junk, unsigned long* index, unsigned long* entry) const;
-    unsigned long runPages(unsigned long index) const;
-    void fillRun(unsigned long index, unsigned long pages, unsigned int color);
-    bool isLiveRecord(void const* rec) const;
+    ZO_INTERNAL void* take(unsigned long size, unsigned int color);
+    ZO_INTERNAL void give(void* p);
+    ZO_INTERNAL unsigned long usable(void* p) const;
+    ZO_INTERNAL void keepRegion(void* raw, unsigned long bytes);
+    ZO_INTERNAL unsigned long entryAt(void const* p) const;
+    ZO_INTERNAL bool lookup(void const* p, bool junk, unsigned long* index, unsigned long* entry) const;
+    ZO_INTERNAL unsigned long runPages(unsigned long index) const;
+    ZO_INTERNAL void fillRun(unsigned long index, unsigned long pages, unsigned int color);
+    ZO_INTERNAL bool isLiveRecord(void const* rec) const;
     char* adoptRegion(char* start, unsigned long got, unsigned long directoryPages, unsigned long origin,
                       unsigned long pages);
     unsigned long directoryPagesFor(char const* start, unsigned long got, unsigned long* origin) const;

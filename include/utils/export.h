@@ -11,8 +11,14 @@
 // first variadic argument (0 for va_list entry points). Member functions count `this` as 1.
 #define ZO_PRINTF(fmt, first) __attribute__((format(printf, fmt, first)))
 // An entry point that exists only so the library's own tests can reach inside
-// (seams, table resets, lock depths). Not part of the public ABI.
+// (seams, table resets, lock depths). Not part of the public ABI: the installed
+// library keeps it hidden; only the internal build the tests link
+// (ZOUTILS_EXPORT_TEST_API) exports it.
+#if defined(ZOUTILS_EXPORT_TEST_API)
 #define ZO_TEST_API ZO_API
+#else
+#define ZO_TEST_API ZO_INTERNAL
+#endif
 #else
 #define ZO_TEST_API
 #define ZO_API

@@ -4,7 +4,7 @@
 // as a signed int is negative), 0 is plain success. Each task (thread) has one last
 // error. raiseError records a code as the calling task's last error, then, unless
 // the code is suppressed, logs the line
-//     error|utils|Raising error: <text>
+//     `error|utils|Raising error: <text>`
 // (class error, category "utils", level -3, source "result" line 65) through the
 // process's log hub and hands the code to every registered ResultListener. Codes
 // can be given readable texts with ResultString.
