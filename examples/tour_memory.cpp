@@ -14,6 +14,9 @@ void tourMemory() {
                 "[examples/tour_memory.cpp: Utils::MemoryColor, Allocator::theAllocator() (utils/allocator.h)]\n");
     Utils::Allocator* heap = Utils::Allocator::theAllocator();
     const unsigned int kCache = 5, kIndex = 9;
+    // Names shown by the memory report.
+    Utils::setMemoryColorName(kCache, "cache");
+    Utils::setMemoryColorName(kIndex, "index");
 
     unsigned long cacheBefore = heap->allocatedColorMemory(kCache);
     unsigned long indexBefore = heap->allocatedColorMemory(kIndex);
@@ -33,6 +36,11 @@ void tourMemory() {
     std::printf("colour %u (index): %lu bytes in use\n", kIndex, heap->allocatedColorMemory(kIndex) - indexBefore);
     std::printf("a cache string's block: colour %u, usable size %lu\n", heap->color((*cache)[0].data()),
                 heap->size((*cache)[0].data()));
+
+    // The whole picture in one call: counters per colour (with their names), the
+    // regions, the blocks by size, the largest free block and the fragmentation.
+    // (ZOUTILS_MEMORY_REPORTATEXIT=1 prints the same at exit.)
+    Utils::writeMemoryReport(heap, stdout, "process allocator, cache and index live");
 
     // Released bytes stay with the arena, counted as free under their colour.
     delete cache;

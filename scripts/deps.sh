@@ -4,7 +4,7 @@
 #
 # Usage: scripts/deps.sh [GROUP | PACKAGE]...
 #   build    compiler, CMake, Ninja, pkg-config (every task needs these)
-#   test     GoogleTest
+#   test     GoogleTest, valgrind (the memcheck test runs the library under it)
 #   bench    Google Benchmark
 #   clang    clang 14
 #   package  Debian packaging tools and lintian
@@ -19,7 +19,7 @@ need=(g++ cmake ninja-build pkg-config)
 for word in "$@"; do
   case "$word" in
     build) ;;
-    test) need+=(libgtest-dev libgmock-dev) ;;
+    test) need+=(libgtest-dev libgmock-dev valgrind) ;;
     bench) need+=(libbenchmark-dev) ;;
     clang) need+=(clang-14) ;;
     package) need+=(dpkg-dev fakeroot lintian file) ;;

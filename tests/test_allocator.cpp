@@ -62,10 +62,14 @@ struct Arena {
     char const* verify() const { return arena.verify(); }
 };
 
-unsigned int headerWord(void* p) {
-    unsigned int w;
-    std::memcpy(&w, static_cast<char*>(p) - 4, 4);
-    return w;
+// The size word before p. Under AddressSanitizer the arena poisons its headers, so
+// this reads it the way the arena does, without the instrumentation.
+__attribute__((no_sanitize_address)) unsigned int headerWord(void* p) {
+    return *reinterpret_cast<unsigned int const volatile*>(static_cast<char*>(p) - 4);
+}
+// A word written into the arena's own bytes (past a block), likewise uninstrumented.
+__attribute__((no_sanitize_address)) void pokeWord(void* at, unsigned int w) {
+    *reinterpret_cast<unsigned int volatile*>(at) = w;
 }
 unsigned long blockSizeOf(void* p) { return headerWord(p) & 0x03FFFFFCu; }
 std::uintptr_t addr(void const* p) { return reinterpret_cast<std::uintptr_t>(p); }
@@ -81,8 +85,8 @@ void* carrierByWalk(MemoryAllocator const& a, unsigned int s) {
 }
 
 #define SKIP_UNDER_SANITIZER()                                                                          \
-    if (zotest::sanitizerOwnsOperatorNew())                                                             \
-    GTEST_SKIP() << "the sanitizer's own operator new replaces the library's, so routing cannot be seen"
+    if (char const* why = zotest::foreignOperatorNew())                                                 \
+    GTEST_SKIP() << why << ", so routing cannot be seen"
 
 #define EXPECT_ARENA_OK(a) EXPECT_STREQ(nullptr, (a).verify())
 #define ASSERT_ARENA_OK(a) ASSERT_STREQ(nullptr, (a).verify())
@@ -189,7 +193,7 @@ TEST(Arena, SmallBlocksAreNeverValid) {
     void* q = a.arena.alloc(50);
     // Even when the word where a trailer would stand happens to match.
     unsigned int fake = headerWord(p);
-    std::memcpy(static_cast<char*>(p) + 24, &fake, 4);
+    pokeWord(static_cast<char*>(p) + 24, fake);
     EXPECT_FALSE(a.arena.valid(p));
     EXPECT_FALSE(a.arena.valid(q));
     EXPECT_EQ(24u, a.arena.size(p));

@@ -263,7 +263,7 @@ TEST(SimpleAllocator, RequestsWhoseSizeDoesNotFit24BitsAreRefused) {
 // malloc failing: the address space is capped in a child process so that a
 // 16 MiB malloc cannot be mapped.
 TEST(SimpleAllocatorDeathTest, MallocFailureReturnsNullAndLeavesCountersAlone) {
-    if (zotest::sanitizerOwnsOperatorNew()) GTEST_SKIP() << "sanitizers need their address space";
+    if (zotest::foreignOperatorNew()) GTEST_SKIP() << "sanitizers and valgrind need their address space";
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {

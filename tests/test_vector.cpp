@@ -307,7 +307,7 @@ TEST(Vector, GrowthWithoutMemoryLeavesTheVectorAsItWas) {
 
 TEST(Vector, LibraryScalarTablesReturnNullWhenMemoryIsExhausted) {
     // Arrays of 4 and 8 TiB: more than the process allocator can ever give.
-    if (zotest::sanitizerOwnsOperatorNew()) GTEST_SKIP() << "the sanitizer's operator new[] serves this build";
+    if (char const* why = zotest::foreignOperatorNew()) GTEST_SKIP() << why;
     EXPECT_EQ(Utils::templOpsUInt.allocArray(1ul << 40), nullptr);
     EXPECT_EQ(Utils::templOpsLogCat.allocArray(1ul << 40), nullptr);
     Vector<unsigned int> v;
@@ -930,7 +930,7 @@ TEST(VectorFastPaths, AGrowthWithoutMemoryChangesNothing) {
     EXPECT_EQ(v.count, 0u);
     EXPECT_EQ(v.capacity, 0u);
     EXPECT_EQ(v.data, nullptr);
-    if (zotest::sanitizerOwnsOperatorNew()) GTEST_SKIP() << "the sanitizer's operator new reports instead of failing";
+    if (char const* why = zotest::foreignOperatorNew()) GTEST_SKIP() << why << ", and reports instead of failing";
     v.sizeTo(1ul << 40);  // far beyond any arena: no array
     EXPECT_EQ(v.count, 0u);
     EXPECT_EQ(v.capacity, 0u);

@@ -8,13 +8,18 @@
 // (thread) that alloc(size) uses. Colour 0 is the ordinary colour.
 #pragma once
 
+#include <cstdio>
+
 #include "utils/export.h"
 #include "utils/wtree.h"
 
 namespace Utils {
 
+class String;
+
 namespace detail {
 struct FreeHeapNode;  // the links of a free arena block in an address heap (arena.cpp)
+struct MemoryCensus;  // what a walk over an allocator's blocks finds (memory report)
 }
 
 // ---------------------------------------------------------------------------
@@ -93,6 +98,27 @@ public:
     //    the 8 bytes before the address returned, so they must be released with the
     //    matching aligned operator delete. Such an address is not the start of a
     //    block: size(), color() and valid() do not apply to it.
+    //
+    // Debugging aid: when the configuration key ZoUtils.Memory.SystemAllocator
+    // (environment variable ZOUTILS_MEMORY_SYSTEMALLOCATOR, ZOSYS_CONFIG, the XDG
+    // files; see zosys.h) is a number other than 0 when this allocator is built,
+    // the global operator new and operator delete use the C library's malloc and
+    // free instead, so that heap tools and glibc's checks see the whole program.
+    // Only the operators change: this allocator stays the arena (String buffers
+    // and alloc() calls keep using it). Under the switch a block from operator new
+    // is not the arena's: size() and color() answer 0 for it, valid() false, it
+    // is in no counter (allocatedMemory(), colours, MemoryColor do not apply), and
+    // the limit of 0x3FFFFE8 bytes and the null on exhaustion are malloc's. The
+    // key is read once; changing it later has no effect on the running process.
+    //
+    // Memory checkers. Blocks of this allocator, of every MemoryAllocator,
+    // BSDAllocator and SimpleAllocator are described to valgrind's memcheck when
+    // the program runs under it (the requested bytes are the caller's, released
+    // blocks and the allocator's bookkeeping are off limits), and, in a library
+    // built with AddressSanitizer, poisoned the same way. size() makes the whole
+    // usable size the caller's. The lone-thread path of this allocator is left
+    // while memcheck watches, and when it does not the description costs it
+    // nothing.
     static Allocator* theAllocator();
 
 protected:
@@ -213,6 +239,8 @@ public:
     // next carrier of `smallBlockSize`-byte blocks (32 or 64): the first free block
     // in address order of at least smallBlockSize + 20 bytes. Null when none.
     void* carrierCandidate(unsigned int smallBlockSize) const;
+    // Adds this arena's blocks, regions and free space to a memory report's census.
+    ZO_INTERNAL void census(detail::MemoryCensus& c) const;
 
 protected:
     struct MemHead;  // the 4-byte size word at the start of every block
@@ -283,6 +311,10 @@ private:
     unsigned long bridgeStep(MemHead* h) const;
     char const* verifyIndex(unsigned long freeExact, unsigned long freeLarge) const;
     MemHead* header(void* p) const;
+    // alloc and free as seen by a memory checker (memory/watch.h).
+    ZO_INTERNAL void* watchedAlloc(unsigned long size, unsigned int color);
+    ZO_INTERNAL void watchedRelease(void* p);
+    ZO_INTERNAL unsigned long plainSize(void* p) const;
 };
 
 // The parent of the process arena: draws raw regions from the system layer and
@@ -418,6 +450,12 @@ public:
     void ifree(void* p);
     // Does nothing; the verifier used by the tests checks the structure instead.
     void checkCounts();
+    // Adds this allocator's blocks, regions and free runs to a memory report's census.
+    ZO_INTERNAL void census(detail::MemoryCensus& c) const;
+    // Checks the directory, the free runs, the chunk pages and lists, and every
+    // counter against each other. Null when all holds, else a text naming the
+    // first fault (valid until the calling thread's next verify). Allocates nothing.
+    char const* verify() const;
 
     BSDAllocator(BSDAllocator const&) = delete;
     BSDAllocator& operator=(BSDAllocator const&) = delete;
@@ -434,6 +472,17 @@ private:
     static constexpr unsigned kShifts = 12;
 
     bool setUp();
+    // imalloc and ifree without telling a memory checker: the allocator's own
+    // records and pages.
+    ZO_INTERNAL void* take(unsigned long size, unsigned int color);
+    ZO_INTERNAL void give(void* p);
+    ZO_INTERNAL unsigned long usable(void* p) const;
+    ZO_INTERNAL void keepRegion(void* raw, unsigned long bytes);
+    ZO_INTERNAL unsigned long entryAt(void const* p) const;
+    ZO_INTERNAL bool lookup(void const* p, bool junk, unsigned long* index, unsigned long* entry) const;
+    ZO_INTERNAL unsigned long runPages(unsigned long index) const;
+    ZO_INTERNAL void fillRun(unsigned long index, unsigned long pages, unsigned int color);
+    ZO_INTERNAL bool isLiveRecord(void const* rec) const;
     char* adoptRegion(char* start, unsigned long got, unsigned long directoryPages, unsigned long origin,
                       unsigned long pages);
     unsigned long directoryPagesFor(char const* start, unsigned long got, unsigned long* origin) const;
@@ -456,7 +505,7 @@ private:
     Allocator* parent;
     unsigned long originPage;        // page number (address / 4096) of directory[0]
     unsigned long lastIndex;         // index of the last directory entry in use
-    unsigned long* directory;        // one entry per page from originPage on; see bsdalloc.cpp
+    unsigned long* directory;        // one entry per page from originPage on; see pagealloc.cpp
     pginfo* chunkLists[kColors][kShifts];  // chunk pages with a free chunk, by colour and shift
     unsigned long directorySize;     // capacity of the directory in entries
     FreeRun* freeRuns;               // free runs in address order
@@ -475,6 +524,10 @@ private:
     unsigned int& allocatedTotal() { return counters[2 * kColors]; }
     unsigned int allocatedTotal() const { return counters[2 * kColors]; }
     unsigned int internalFreeBytes;  // bytes in free runs
+    // Set once the allocator has logged a fault or failed a request, either of which
+    // may leave it off its invariants by design; stops the debug build's automatic
+    // verification (it fills what was padding before obtainedBytes).
+    mutable unsigned int faulted;
     unsigned long obtainedBytes;     // bytes of the regions kept from the parent
 };
 
@@ -542,5 +595,62 @@ private:
     unsigned int defaultColorValue;  // only its low byte is used
     unsigned int sizeMask;           // 0xFFFFFF: the size bits of a header
 };
+
+// ---------------------------------------------------------------------------
+// Memory reports.
+// ---------------------------------------------------------------------------
+// writeMemoryReport writes a human-readable report of allocator `a` to `out`
+// (flushed), or appends it to `out`, under the heading "memory report: <title>"
+// ("allocator" when title is null or empty). Lines, in this order:
+//   allocated      N bytes            allocatedMemory()
+//   free           N bytes            internalFree() ("unknown" for an allocator
+//                                     that keeps no free count: SimpleAllocator)
+//   regions        N (M bytes from the parent)
+//                                     regions taken from the parent (for an
+//                                     arena, a region that continues the previous
+//                                     one counts with it; for a BSDAllocator,
+//                                     regions that touch count as one)
+//   blocks         N busy, M free     blocks in the allocator (busy includes the
+//                                     allocator's own bookkeeping blocks; an
+//                                     arena counts carriers' small blocks, not
+//                                     the carriers)
+//   largest free   N bytes            the largest free block
+//   fragmentation  P % (...)          100 x (1 - largest free / free): 0 when the
+//                                     free memory is one block
+//   colour  name  allocated  free     one row per colour with bytes allocated or
+//                                     free (allocatedColorMemory,
+//                                     freeColorMemory), with the colour's name
+//   block size  busy  free            block counts by whole block size: <= 64 B,
+//                                     <= 256 B, <= 1 KiB, <= 4 KiB, <= 16 KiB,
+//                                     <= 64 KiB, <= 1 MiB, > 1 MiB (rows with
+//                                     blocks only)
+// The regions, blocks, largest free and fragmentation lines come from a walk over
+// the blocks of a MemoryAllocator (the process allocator: every arena, each under
+// its lock) or a BSDAllocator; any other allocator reports "blocks not walked"
+// instead. Each figure is exact at the moment it is read; the walk and the
+// counters are not one moment when other threads allocate meanwhile.
+// The FILE* form never allocates (it can run at exit or after a fault); the String
+// form appends through the string's buffer allocator. A null `a` writes one line
+// saying so.
+//
+// The process allocator's report is written to standard error at exit when the
+// configuration key ZoUtils.Memory.ReportAtExit (environment variable
+// ZOUTILS_MEMORY_REPORTATEXIT, ZOSYS_CONFIG, the XDG files; see zosys.h) is a
+// number other than 0 when the process allocator starts; its title is
+// "process allocator at exit". The handler is registered when the process
+// allocator is built, so it runs after the exit handlers and static destructors
+// registered later.
+ZO_API void writeMemoryReport(Allocator* a, FILE* out, char const* title = nullptr);
+ZO_API void writeMemoryReport(Allocator* a, String& out, char const* title = nullptr);
+
+// Names colour `color` (0 to 255) for memory reports: the name is copied (at most
+// 31 characters kept); null or "" removes it. Names are process-wide and shared by
+// every allocator. Returns 0, or 0x80000003 (kResultBadArgument) for a colour
+// above 255 (nothing raised).
+ZO_API unsigned int setMemoryColorName(unsigned int color, char const* name);
+// Copies colour `color`'s name (empty when it has none) into buffer (of `size`
+// bytes, always NUL-terminated when size > 0, truncated to fit) and returns the
+// name's full length.
+ZO_API unsigned long memoryColorName(unsigned int color, char* buffer, unsigned long size);
 
 }  // namespace Utils

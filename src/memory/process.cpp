@@ -46,11 +46,14 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <new>
 
 #include "library/reentry.h"
+#include "memory/census.h"
 #include "memory/process_internal.h"
+#include "memory/watch.h"
 #include "misc/constinit.h"
 #include "platform/platform.h"
 #include "utils/allocator.h"
@@ -96,6 +99,14 @@ struct Inside {
 // Shards and the table of their regions.
 // ---------------------------------------------------------------------------
 std::atomic<unsigned int> gShardCount;  // shards built; arenas in use = 1 + this
+// Nonzero once the lone-thread path is closed for good: a shard exists, or a
+// memory checker watches (the locked path goes through the arena's virtual entry
+// points, which describe blocks to it). One word, so the lone-thread test costs
+// what it cost before there was a checker to think of.
+std::atomic<unsigned int> gSharedPath;
+// ZoUtils.Memory.SystemAllocator: the global operators use malloc and free. Set
+// once, before the first block is handed out, together with gSharedPath.
+bool gSystemOperators;
 
 // Granule g = (address - phase) / 1 MiB, phase being the reserve's offset within a
 // MiB (the same for every region). gRegionTop[g >> 16] points to 65536 bytes, each
@@ -213,7 +224,7 @@ inline MemoryAllocator* arena(unsigned int i) {
                   : reinterpret_cast<MemoryAllocator*>(gShardStorage[i - 1]);
 }
 
-inline bool alone() { return platform::singleThreaded() && gShardCount.load(std::memory_order_relaxed) == 0; }
+inline bool alone() { return platform::singleThreaded() && gSharedPath.load(std::memory_order_relaxed) == 0; }
 
 // Holds one arena for the duration of an operation: its lock, unless alone.
 class Hold {
@@ -291,6 +302,7 @@ public:
         if (chosen == kArenas && count < kArenas) {
             ::new (static_cast<void*>(gShardStorage[count - 1])) Shard(count, colorSlot);
             gShardCount.store(count, std::memory_order_release);
+            gSharedPath.store(1, std::memory_order_relaxed);
             chosen = count;
         }
         bool own = chosen != kArenas;
@@ -308,6 +320,9 @@ public:
     void* allocate(unsigned long size, unsigned int c) {
         if (__builtin_expect(ZoIF_Faulty(ZOIF_FAULT_PROCESS), 0)) return refuse();
         if (__builtin_expect(!alone(), 0)) return allocateShared(size, c);
+        return allocateAlone(size, c);
+    }
+    void* allocateAlone(unsigned long size, unsigned int c) {
         void* p = allocBlock(size, c);
         if (__builtin_expect(tPendingOutOfMemory, 0) && tInside == 0) raisePending();
         return p;
@@ -317,6 +332,7 @@ public:
         if (__builtin_expect(!alone(), 0)) return releaseShared(p);
         releaseBlock(p);
     }
+    void releaseAlone(void* p) { releaseBlock(p); }
     __attribute__((noinline)) void* allocateShared(unsigned long size, unsigned int c) {
         unsigned int i = myArena();
         Hold hold(i);
@@ -437,6 +453,8 @@ void destroyArena() {
     std::memcpy(gArenaStorage, &table, sizeof table);
 }
 
+void reportAtExit() { writeMemoryReport(Allocator::theAllocator(), stderr, "process allocator at exit"); }
+
 ProcessAllocator* buildProcessAllocator() {
     ZoIF_MemInit(0);
     gClaimLock.lock();  // serialises a first call from two threads at once
@@ -453,11 +471,22 @@ ProcessAllocator* buildProcessAllocator() {
             std::atexit(destroyArena);
             gThreadEnd.create(releaseArena);
             platform::onFork(forkPrepare, forkParent, forkChild);
+            // The exit report, registered now so that it runs after the exit
+            // handlers and static destructors that come later.
+            int report = 0;
+            if (ZoIF_GetConfigNumber("ZoUtils.Memory.ReportAtExit", &report) == 0 && report != 0)
+                std::atexit(reportAtExit);
         }
         // init() before publishing: a thread that sees the pointer may use the
         // arena at once (init obtains no memory, so the order is otherwise
         // unobservable). The building thread owns arena 0.
         a->init();
+        if (watch::start()) gSharedPath.store(1, std::memory_order_relaxed);
+        int system = 0;
+        if (ZoIF_GetConfigNumber("ZoUtils.Memory.SystemAllocator", &system) == 0 && system != 0) {
+            gSystemOperators = true;
+            gSharedPath.store(1, std::memory_order_relaxed);
+        }
         gOwned[0].store(true, std::memory_order_relaxed);
         adopt(0, true);
         gProcess.store(a, std::memory_order_release);
@@ -472,15 +501,41 @@ inline ProcessAllocator* processAllocator() {
     return __builtin_expect(a != nullptr, 1) ? a : buildProcessAllocator();
 }
 
+// The global operators. Off the lone-thread path (other threads, a memory
+// checker, or the system-allocator switch) one out-of-line step decides between
+// malloc and the arena, so the lone thread's path is the arena's and nothing else.
+__attribute__((noinline)) void* processAllocShared(ProcessAllocator* a, std::size_t size) {
+    if (gSystemOperators) return std::malloc(size);
+    return a->allocateShared(size, tDefaultColor);
+}
+
+__attribute__((noinline)) void processFreeShared(ProcessAllocator* a, void* p) {
+    if (gSystemOperators) return std::free(p);
+    a->releaseShared(p);
+}
+
 }  // namespace
 
-void* processAlloc(std::size_t size) { return processAllocator()->allocate(size, tDefaultColor); }
+void* processAlloc(std::size_t size) {
+    ProcessAllocator* a = processAllocator();
+    if (__builtin_expect(!alone(), 0)) return processAllocShared(a, size);
+    return a->allocateAlone(size, tDefaultColor);
+}
 
 void processFree(void* p) {
-    if (p) processAllocator()->release(p);
+    if (!p) return;
+    ProcessAllocator* a = processAllocator();
+    if (__builtin_expect(!alone(), 0)) return processFreeShared(a, p);
+    a->releaseAlone(p);
 }
 
 Allocator* Allocator::theAllocator() { return processAllocator(); }
+
+void detail::processCensus(MemoryCensus& census) {
+    processAllocator();
+    HoldAll all;
+    for (unsigned int i = 0; i < all.arenas(); ++i) arena(i)->census(census);
+}
 
 // ---------------------------------------------------------------------------
 // HostAllocator.

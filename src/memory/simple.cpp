@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "memory/watch.h"
 #include "utils/allocator.h"
 #include "utils/result.h"
 
@@ -40,7 +41,13 @@ inline std::uint32_t* headerOf(void* p) {
 }  // namespace
 
 SimpleAllocator::SimpleAllocator()
-    : allocatedTotal(0), allocatedByColor{}, defaultColorValue(0), sizeMask(0xFFFFFF) {}
+    : allocatedTotal(0), allocatedByColor{}, defaultColorValue(0), sizeMask(0xFFFFFF) {
+    // Blocks are chunks of a memory-checker pool inside malloc's blocks
+    // (memory/watch.h): the request is the program's, the rest up to the guard is
+    // no-access.
+    watch::start();
+    watch::poolStart(this);
+}
 
 void* SimpleAllocator::alloc(unsigned long size) {
     return alloc(size, static_cast<char>(defaultColorValue & 0xFF));
@@ -63,11 +70,13 @@ void* SimpleAllocator::alloc(unsigned long size, char color) {
     allocatedTotal += u;
     allocatedByColor[c] += u;
     __builtin_memcpy(a + (u & ~3u) - 4, &kGuard, sizeof kGuard);
+    if (watch::on()) watch::poolHandOut(this, a, size, u);
     return a;
 }
 
 void SimpleAllocator::free(void* p) {
     if (!p) return;
+    if (watch::on()) watch::poolTakeBack(this, p);
     // Read through the object, as a subclass may account differently.
     unsigned long s = size(p);
     unsigned int c = color(p);
@@ -76,9 +85,16 @@ void SimpleAllocator::free(void* p) {
     std::free(headerOf(p));
 }
 
+// A caller told the usable size may use all of it.
 unsigned long SimpleAllocator::size(void* p) const {
     if (!p) return 0;
-    return *headerOf(p) & sizeMask;
+    unsigned long n = *headerOf(p) & sizeMask;
+    if (watch::on()) {
+        watch::widen(p, n);
+        // The guard in the last word keeps the value the allocator wrote there.
+        watch::release(static_cast<char*>(p) + (n & ~3ul) - 4, 4);
+    }
+    return n;
 }
 
 unsigned long SimpleAllocator::allocatedMemory() const { return allocatedTotal; }

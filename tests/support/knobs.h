@@ -48,4 +48,15 @@ inline bool sanitizerOwnsOperatorNew() {
 #endif
 }
 
+// True when the process runs under valgrind.
+bool underValgrind();
+
+// Why the program's operator new is not the library's, or null when it is: a
+// sanitizer's replaces it, and valgrind intercepts it.
+inline char const* foreignOperatorNew() {
+    if (sanitizerOwnsOperatorNew()) return "the sanitizer's own operator new replaces the library's";
+    if (underValgrind()) return "valgrind's own operator new replaces the library's";
+    return nullptr;
+}
+
 }  // namespace zotest

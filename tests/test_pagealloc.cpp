@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "knobs.h"
-#include "memory/bsdalloc_internal.h"
+#include "memory/pagealloc_internal.h"
 #include "utils/allocator.h"
 #include "utils/log.h"
 #include "utils/result.h"

@@ -38,9 +38,13 @@
 // of the run it releases into a page of records. So mapPages (which releases
 // surplus pages and old directories) can never recurse into itself.
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 
-#include "memory/bsdalloc_internal.h"
+#include "memory/pagealloc_internal.h"
+#include "memory/census.h"
+#include "memory/debug.h"
+#include "memory/watch.h"
 #include "utils/log.h"
 #include "utils/result.h"
 #include "zosys.h"
@@ -59,8 +63,8 @@ void report(MessageClass c, unsigned int line, char const* text) {
     LineLogLevel(c, c == MessageError ? -3 : -2, "bsdalloc", line).print(allocLogger, "%s", text);
 }
 
-#define BSD_ERROR(text) report(MessageError, __LINE__, text)
-#define BSD_WARNING(text) report(MessageWarning, __LINE__, text)
+#define BSD_ERROR(text) (faulted = 1, report(MessageError, __LINE__, text))
+#define BSD_WARNING(text) (faulted = 1, report(MessageWarning, __LINE__, text))
 
 static_assert(BSDAllocator::pginfo::inPage(kRunShift),
               "a page of run records must carry its own pginfo: turning a released page into one "
@@ -83,11 +87,23 @@ BSDAllocator::BSDAllocator(Allocator* parent)
       colorSlot(-1),
       counters{},
       internalFreeBytes(0),
-      obtainedBytes(0) {}
+      faulted(0),
+      obtainedBytes(0) {
+    watch::start();
+    watch::poolStart(this);
+}
 
-BSDAllocator::~BSDAllocator() {}
+BSDAllocator::~BSDAllocator() {
+    // A parent may reuse the regions once this allocator is gone: take the
+    // poisoning off the pages the directory spans (unless unreasonably many).
+    if (watch::kPoison && directory && lastIndex < (1ul << 16))
+        watch::release(reinterpret_cast<char*>(originPage << kPageShift), (lastIndex + 1) << kPageShift);
+}
 
 void BSDAllocator::init() {
+    watch::start();
+    watch::poolStart(this);
+    faulted = 0;
     originPage = 0;
     lastIndex = 0;
     directory = nullptr;
@@ -98,7 +114,7 @@ void BSDAllocator::init() {
     std::memset(counters, 0, sizeof counters);
     internalFreeBytes = 0;
     obtainedBytes = 0;
-    if (setUp() && !spareRun) spareRun = static_cast<FreeRun*>(imalloc(sizeof(FreeRun), 0));
+    if (setUp() && !spareRun) spareRun = static_cast<FreeRun*>(take(sizeof(FreeRun), 0));
     colorSlot = static_cast<int>(ZoIF_AllocateTLSCoop());
 }
 
@@ -119,6 +135,7 @@ bool BSDAllocator::setUp() {
         return false;
     }
     if (got > kMaxDirectoryEntries) got = kMaxDirectoryEntries;
+    keepRegion(raw, bytes);
     obtainedBytes += bytes;
     unsigned long origin = 0;
     unsigned long directoryPages = directoryPagesFor(start, got, &origin);
@@ -162,6 +179,14 @@ char* BSDAllocator::parentPages(unsigned long pages, bool defaultColour, void** 
     return reinterpret_cast<char*>(first);
 }
 
+// A region kept from the parent: memcheck forgets the parent's record of it, so
+// that the chunks described inside it overlap nothing (memory/watch.h).
+void BSDAllocator::keepRegion(void* raw, unsigned long bytes) {
+    if (!watch::on()) return;
+    watch::disown(parent, raw);
+    watch::expose(raw, bytes);
+}
+
 // Pages of directory that a region of `got` pages at `start` requires in front of
 // it: 0 when the present directory covers it, ~0 when the span is too large. A
 // directory that must change grows to at least twice its capacity, in whole pages,
@@ -186,9 +211,14 @@ unsigned long BSDAllocator::directoryPagesFor(char const* start, unsigned long g
     return capacity / kEntriesPerPage;
 }
 
-void BSDAllocator::markRun(unsigned long index, unsigned long pages, unsigned int color) {
+// A run's directory entries: its first page, then the following pages.
+void BSDAllocator::fillRun(unsigned long index, unsigned long pages, unsigned int color) {
     directory[index] = kRunFirst + color;
     for (unsigned long k = 1; k < pages; ++k) directory[index + k] = kRunFollow;
+}
+
+void BSDAllocator::markRun(unsigned long index, unsigned long pages, unsigned int color) {
+    fillRun(index, pages, color);
     allocatedTotal() += static_cast<unsigned int>(pages << kPageShift);
     allocatedByColor()[color] += static_cast<unsigned int>(pages << kPageShift);
 }
@@ -224,9 +254,9 @@ char* BSDAllocator::adoptRegion(char* start, unsigned long got, unsigned long di
     if (surplus) {
         char* extra = requested + (pages << kPageShift);
         markRun(pageNumber(extra) - originPage, surplus, 0);
-        ifree(extra);
+        give(extra);
     }
-    if (directoryPages && oldDirectory) ifree(oldDirectory);
+    if (directoryPages && oldDirectory) give(oldDirectory);
     return requested;
 }
 
@@ -253,6 +283,7 @@ void* BSDAllocator::mapPages(unsigned long pages) {
             directoryPages = need;
             continue;
         }
+        keepRegion(raw, bytes);
         obtainedBytes += bytes;
         return adoptRegion(start, got, need, origin, pages);
     }
@@ -286,10 +317,10 @@ void* BSDAllocator::allocPages(unsigned long size, unsigned int color) {
         p = static_cast<char*>(mapPages(pages));
         if (!p) return nullptr;
     }
-    unsigned long index = pageNumber(p) - originPage;
-    directory[index] = kRunFirst + color;
-    for (unsigned long k = 1; k < pages; ++k) directory[index + k] = kRunFollow;
+    // Counted above, before mapping: the entries only.
+    fillRun(pageNumber(p) - originPage, pages, color);
     if (unlinked) releaseRecord(unlinked);
+    watch::expose(p, pages << kPageShift);
     return p;
 }
 
@@ -297,7 +328,7 @@ void BSDAllocator::releaseRecord(FreeRun* run) {
     if (!spareRun)
         spareRun = run;
     else
-        ifree(run);
+        give(run);
 }
 
 // Where a run [start, end) goes in the list: *at is the first run that ends at or
@@ -316,6 +347,7 @@ BSDAllocator::Place BSDAllocator::placeRun(char* start, char* end, FreeRun** at)
 
 void BSDAllocator::insertRun(char* start, char* end, Place place, FreeRun* at) {
     unsigned long size = static_cast<unsigned long>(end - start);
+    watch::hide(start, size);  // free runs hold nothing: no-access while free
     if (place == Place::Prepend) {
         at->start = start;
         at->size += size;
@@ -369,8 +401,7 @@ void BSDAllocator::freePages(void* ptr, unsigned long index, unsigned long entry
         return;
     }
     unsigned int color = static_cast<unsigned int>(entry - kRunFirst);
-    unsigned long pages = 1;
-    while (index + pages <= lastIndex && directory[index + pages] == kRunFollow) ++pages;
+    unsigned long pages = runPages(index);
     char* start = static_cast<char*>(ptr);
     char* end = start + (pages << kPageShift);
     for (unsigned long k = 0; k < pages; ++k) directory[index + k] = kFreePage;
@@ -389,6 +420,7 @@ void BSDAllocator::freePages(void* ptr, unsigned long index, unsigned long entry
             // No record chunk is free, and getting one must not allocate pages: the
             // run's first page becomes a page of records. The run keeps its place.
             pginfo* info = reinterpret_cast<pginfo*>(start);
+            watch::expose(start, kPageSize);  // released a moment ago: the record is written here
             directory[index] = reinterpret_cast<unsigned long>(info);
             allocatedTotal() += static_cast<unsigned int>(kPageSize);
             allocatedByColor()[0] += static_cast<unsigned int>(kPageSize);
@@ -415,6 +447,9 @@ void BSDAllocator::adoptChunkPage(char* page, pginfo* info, unsigned int shift, 
         for (unsigned int k = 0; k < covered; ++k) bits[k / 32] &= ~(1u << (k % 32));
     info->total = static_cast<std::uint16_t>(pginfo::chunksPerPage(shift));
     info->free = info->total;
+    // Free chunks are no-access; a record at the page's start stays readable.
+    char* firstFree = reinterpret_cast<char*>(info) == page ? page + (static_cast<unsigned long>(covered) << shift) : page;
+    watch::hide(firstFree, static_cast<unsigned long>(page + kPageSize - firstFree));
     info->next = chunkLists[color][shift];
     chunkLists[color][shift] = info;
     freeByColor()[color] += static_cast<unsigned int>(kPageSize);
@@ -428,9 +463,9 @@ bool BSDAllocator::makeChunks(unsigned int shift, unsigned int color) {
         info = reinterpret_cast<pginfo*>(page);
     } else {
         // Kept in colour 0 with the other bookkeeping (run records).
-        info = static_cast<pginfo*>(imalloc(pginfo::bytesFor(shift), 0));
+        info = static_cast<pginfo*>(take(pginfo::bytesFor(shift), 0));
         if (!info) {
-            ifree(page);
+            give(page);
             return false;
         }
     }
@@ -449,13 +484,22 @@ void* BSDAllocator::allocBytes(unsigned long size, unsigned int color) {
     unsigned int w = 0;
     while (!bits[w]) ++w;
     unsigned int b = static_cast<unsigned int>(__builtin_ctz(bits[w]));
+    ZO_CHECK(info->free > 0 && info->free <= info->total && 32 * w + b < (kPageSize >> shift) &&
+                 32 * w + b >= (kPageSize >> shift) - info->total,
+             "allocBytes: a listed chunk page whose free count or bitmap is wrong");
     bits[w] &= ~(1u << b);
     if (--info->free == 0) chunkLists[color][shift] = info->next;
-    return info->page + (static_cast<unsigned long>(32 * w + b) << shift);
+    char* chunk = info->page + (static_cast<unsigned long>(32 * w + b) << shift);
+    watch::expose(chunk, 1ul << shift);
+    return chunk;
 }
 
 void BSDAllocator::freeBytes(void* p, unsigned long index, pginfo* info) {
+    watch::hide(p, info->size);
     unsigned int k = static_cast<unsigned int>((addr(p) % kPageSize) >> info->shift);
+    ZO_CHECK(info->page == reinterpret_cast<char*>(addr(p) & ~(kPageSize - 1)) && info->free < info->total,
+             "freeBytes: the chunk's page record is of another page, or has no chunk in use");
+    ZO_CHECK(k >= (kPageSize >> info->shift) - info->total, "freeBytes: a chunk under the page's own record");
     info->bits()[k / 32] |= 1u << (k % 32);
     ++info->free;
     freeByColor()[info->color] += info->size;
@@ -475,18 +519,38 @@ void BSDAllocator::freeBytes(void* p, unsigned long index, pginfo* info) {
         // so that the counter keeps meaning free chunk bytes.
         freeByColor()[info->color] -= static_cast<unsigned int>(kPageSize);
         char* page = info->page;
-        if (reinterpret_cast<char*>(info) != page) ifree(info);
-        ifree(page);
+        if (reinterpret_cast<char*>(info) != page) give(info);
+        give(page);
     }
 }
 
-void* BSDAllocator::imalloc(unsigned long size, unsigned int color) {
+void* BSDAllocator::take(unsigned long size, unsigned int color) {
     color &= kColors - 1;
     if (!directory && !setUp()) return nullptr;
     return size <= kMaxChunk ? allocBytes(size, color) : allocPages(size, color);
 }
 
+// The program's blocks are chunks of a memory-checker pool named by the allocator
+// (memory/watch.h); its own records and pages are not.
+void* BSDAllocator::imalloc(unsigned long size, unsigned int color) {
+    void* p = take(size, color);
+    if (p && watch::on()) {
+        unsigned long usable = size <= kMaxChunk ? 1ul << shiftFor(size) : (size + kPageSize - 1) & ~(kPageSize - 1);
+        watch::poolHandOut(this, p, size, usable);
+    }
+    if (!p) faulted = 1;
+    if (!faulted) ZO_VERIFY_AFTER(this);
+    return p;
+}
+
 void BSDAllocator::ifree(void* p) {
+    // Reports a release of anything but a live block.
+    if (watch::on()) watch::poolTakeBack(this, p);
+    give(p);
+    if (!faulted) ZO_VERIFY_AFTER(this);
+}
+
+void BSDAllocator::give(void* p) {
     unsigned long index = pageNumber(p) - originPage;
     unsigned long entry = inDirectory(index) ? directory[index] : kNotOwned;
     if (entry > kRunFollow)
@@ -505,30 +569,48 @@ void BSDAllocator::free(void* p) {
     if (p) ifree(p);
 }
 
+// A caller told the usable size may use all of it.
 unsigned long BSDAllocator::size(void* p) const {
-    if (!p) return 0;
+    unsigned long n = usable(p);
+    if (n && watch::on()) watch::widen(p, n);
+    return n;
+}
+
+// The prologue of size, color and valid: false for null and for an address
+// outside the directory (logged as junk when `junk`), else p's page index and its
+// directory entry.
+bool BSDAllocator::lookup(void const* p, bool junk, unsigned long* index, unsigned long* entry) const {
+    if (!p) return false;
     // Unsigned: an address below the origin wraps to a large index.
-    unsigned long index = pageNumber(p) - originPage;
-    if (!inDirectory(index)) {
-        BSD_WARNING("junk pointer, too high to make sense");
-        return 0;
+    unsigned long i = pageNumber(p) - originPage;
+    if (!inDirectory(i)) {
+        if (junk) BSD_WARNING("junk pointer, too high to make sense");
+        return false;
     }
-    unsigned long entry = directory[index];
-    if (entry > kRunFollow) return reinterpret_cast<pginfo*>(entry)->size;
-    if (entry < kRunFirst) return 0;
+    *index = i;
+    *entry = directory[i];
+    return true;
+}
+
+// The pages of the run whose first page has directory index `index`: it and the
+// following pages after it.
+unsigned long BSDAllocator::runPages(unsigned long index) const {
     unsigned long pages = 1;
     while (index + pages <= lastIndex && directory[index + pages] == kRunFollow) ++pages;
-    return pages << kPageShift;
+    return pages;
+}
+
+unsigned long BSDAllocator::usable(void* p) const {
+    unsigned long index, entry;
+    if (!lookup(p, true, &index, &entry)) return 0;
+    if (entry > kRunFollow) return reinterpret_cast<pginfo*>(entry)->size;
+    if (entry < kRunFirst) return 0;
+    return runPages(index) << kPageShift;
 }
 
 unsigned int BSDAllocator::color(void* p) const {
-    if (!p) return 0;
-    unsigned long index = pageNumber(p) - originPage;
-    if (!inDirectory(index)) {
-        BSD_WARNING("junk pointer, too high to make sense");
-        return 0;
-    }
-    unsigned long entry = directory[index];
+    unsigned long index, entry;
+    if (!lookup(p, true, &index, &entry)) return 0;
     if (entry > kRunFollow) return reinterpret_cast<pginfo*>(entry)->color;
     if (entry < kRunFirst) return 0;
     // A following page answers for its run.
@@ -539,10 +621,8 @@ unsigned int BSDAllocator::color(void* p) const {
 unsigned int BSDAllocator::setColor(void*, unsigned int) { return raiseError(kResultFailure); }
 
 bool BSDAllocator::valid(void* p) const {
-    if (!p) return false;
-    unsigned long index = pageNumber(p) - originPage;
-    if (!inDirectory(index)) return false;
-    unsigned long entry = directory[index];
+    unsigned long index, entry;
+    if (!lookup(p, false, &index, &entry)) return false;
     if (entry > kRunFollow) {
         pginfo const* info = reinterpret_cast<pginfo const*>(entry);
         if (addr(p) % info->size) return false;
@@ -583,5 +663,187 @@ unsigned long BSDAllocator::allocatedMemory() const { return allocatedTotal(); }
 unsigned long BSDAllocator::internalFree() const { return internalFreeBytes; }
 
 void BSDAllocator::checkCounts() {}
+
+// ---------------------------------------------------------------------------
+// The verifier: every invariant of the drawing at the top, checked against the
+// directory, the runs, the chunk lists and the counters.
+// ---------------------------------------------------------------------------
+// The directory entry of p's page; kNotOwned outside the directory.
+unsigned long BSDAllocator::entryAt(void const* p) const {
+    unsigned long index = pageNumber(p) - originPage;
+    return inDirectory(index) ? directory[index] : kNotOwned;
+}
+
+// A free-run record is a colour-0 chunk of the record size that is allocated.
+bool BSDAllocator::isLiveRecord(void const* rec) const {
+    unsigned long e = entryAt(rec);
+    if (e <= kRunFollow) return false;
+    pginfo const* info = reinterpret_cast<pginfo const*>(e);
+    if (info->color != 0 || info->shift != kRunShift) return false;
+    unsigned long k = (reinterpret_cast<std::uintptr_t>(rec) % kPageSize) >> info->shift;
+    if (reinterpret_cast<std::uintptr_t>(rec) % info->size) return false;
+    return !((info->bits()[k / 32] >> (k % 32)) & 1);
+}
+
+char const* BSDAllocator::verify() const {
+    BSDAllocator const& a = *this;
+    using A = BSDAllocator;
+    // Faults that carry numbers are formatted into a per-thread buffer.
+    static thread_local char buf[256];
+    auto fail = [&](char const* what, unsigned long x, unsigned long y) -> char const* {
+        std::snprintf(buf, sizeof buf, "%s (%lu, %lu)", what, x, y);
+        return buf;
+    };
+    if (!a.directory) {
+        if (a.freeRuns || a.allocatedTotal() || a.internalFreeBytes) return "counters or runs without a directory";
+        return nullptr;
+    }
+    if (a.lastIndex >= a.directorySize) return fail("lastIndex beyond the directory", a.lastIndex, a.directorySize);
+    if (a.directorySize % kEntriesPerPage) return fail("directory not whole pages", a.directorySize, 0);
+    for (unsigned long i = a.lastIndex + 1; i < a.directorySize; ++i)
+        if (a.directory[i]) return fail("entry beyond lastIndex", i, a.directory[i]);
+
+    // The directory's own pages: a colour-0 run of exactly its size.
+    unsigned long dirIndex = pageNumber(a.directory) - a.originPage;
+    unsigned long dirPages = a.directorySize / kEntriesPerPage;
+    if (reinterpret_cast<std::uintptr_t>(a.directory) % kPageSize) return "directory not page aligned";
+    if (!a.inDirectory(dirIndex) || a.directory[dirIndex] != kRunFirst)
+        return fail("directory's first page not a colour-0 run", dirIndex, 0);
+    for (unsigned long k = 1; k < dirPages; ++k)
+        if (a.directory[dirIndex + k] != kRunFollow) return fail("directory run too short", k, dirPages);
+    if (dirIndex + dirPages <= a.lastIndex && a.directory[dirIndex + dirPages] == kRunFollow)
+        return "directory run too long";
+
+    unsigned long allocated[A::kColors + 1] = {};
+    unsigned long freeChunkBytes[A::kColors + 1] = {};
+    unsigned long listedExpected[A::kColors][A::kShifts] = {};
+    unsigned long freePages = 0, ownedPages = 0, allocatedPages = 0;
+    unsigned long runColor = 0;
+    bool inRun = false;
+    for (unsigned long i = 0; i <= a.lastIndex; ++i) {
+        unsigned long e = a.directory[i];
+        char* page = reinterpret_cast<char*>((a.originPage + i) << kPageShift);
+        if (e == kNotOwned) { inRun = false; continue; }
+        ++ownedPages;
+        if (e == kFreePage) { ++freePages; inRun = false; continue; }
+        if (e < kRunFollow) {
+            runColor = e - kRunFirst;
+            inRun = true;
+            allocated[runColor] += kPageSize;
+            ++allocatedPages;
+            continue;
+        }
+        if (e == kRunFollow) {
+            if (!inRun) return fail("following page without a run", i, 0);
+            allocated[runColor] += kPageSize;
+            ++allocatedPages;
+            continue;
+        }
+        inRun = false;
+        A::pginfo const* info = reinterpret_cast<A::pginfo const*>(e);
+        if (info->page != page) return fail("pginfo of another page", i, 0);
+        if (info->shift < kMinShift || info->shift > kMaxShift) return fail("bad shift", i, info->shift);
+        if (info->size != (1u << info->shift)) return fail("size and shift disagree", i, info->size);
+        if (A::pginfo::inPage(info->shift) != (reinterpret_cast<char const*>(info) == page))
+            return fail("pginfo placement", i, info->shift);
+        if (info->total != A::pginfo::chunksPerPage(info->shift)) return fail("chunk total", i, info->total);
+        unsigned long n = kPageSize >> info->shift, set = 0;
+        unsigned long covered = n - info->total;
+        for (unsigned long w = 0; w < (n + 31) / 32; ++w) {
+            // Bits may be set only for the chunks [covered, n) that this word holds.
+            unsigned long lo = covered > 32 * w ? covered - 32 * w : 0;
+            unsigned long hi = n < 32 * w + 32 ? n - 32 * w : 32;
+            std::uint32_t allowed = 0;
+            if (hi > lo) allowed = static_cast<std::uint32_t>(((hi - lo == 32 ? ~0ul : (1ul << (hi - lo)) - 1)) << lo);
+            std::uint32_t word = info->bits()[w];
+            if (word & ~allowed) return fail("bit set outside the chunks", i, w);
+            set += static_cast<unsigned long>(__builtin_popcount(word));
+        }
+        if (set != info->free) return fail("free count differs from bitmap", i, set);
+        if (info->free >= info->total) return fail("all chunks free but page kept", i, info->free);
+        allocated[info->color] += kPageSize;
+        ++allocatedPages;
+        freeChunkBytes[info->color] +=
+            kPageSize - static_cast<unsigned long>(info->total - info->free) * info->size;
+        if (info->free) ++listedExpected[info->color][info->shift];
+    }
+
+    // Free runs against the directory.
+    unsigned long runBytes = 0, runPages = 0;
+    A::FreeRun* const* expectPrev = &a.freeRuns;
+    char* lastEnd = nullptr;
+    for (A::FreeRun* r = a.freeRuns; r; r = r->next) {
+        if (r->prev != expectPrev) return "run record's back link";
+        expectPrev = &r->next;
+        if (r->start >= r->end || r->size != static_cast<unsigned long>(r->end - r->start))
+            return "run record's bounds";
+        if ((reinterpret_cast<std::uintptr_t>(r->start) | r->size) % kPageSize) return "run not whole pages";
+        if (lastEnd && r->start <= lastEnd) return "runs out of order or touching";
+        lastEnd = r->end;
+        for (char* p = r->start; p < r->end; p += kPageSize)
+            if (entryAt(p) != kFreePage) return fail("page of a run not marked free", pageNumber(p), 0);
+        if (!isLiveRecord(r)) return "run record is not a live record chunk";
+        runBytes += r->size;
+        runPages += r->size >> kPageShift;
+    }
+    if (runPages != freePages) return fail("free pages outside the runs", freePages, runPages);
+    if (a.spareRun && !isLiveRecord(a.spareRun)) return "spare record is not a live record chunk";
+
+    // Chunk lists against the directory.
+    for (unsigned c = 0; c < A::kColors; ++c)
+        for (unsigned s = 0; s < A::kShifts; ++s) {
+            unsigned long listed = 0;
+            for (A::pginfo* i = a.chunkLists[c][s]; i; i = i->next) {
+                if (i->color != c || i->shift != s || i->free == 0) return fail("listed page", c, s);
+                if (entryAt(i->page) != reinterpret_cast<unsigned long>(i)) return fail("listed page's entry", c, s);
+                if (++listed > listedExpected[c][s]) return fail("list longer than its pages", c, s);
+            }
+            if (listed != listedExpected[c][s]) return fail("chunk page with free chunks not listed", c, s);
+        }
+
+    // Counters.
+    unsigned long total = 0;
+    for (unsigned c = 0; c < A::kColors; ++c) {
+        total += allocated[c];
+        if (a.allocatedByColor()[c] != static_cast<unsigned int>(allocated[c]))
+            return fail("allocatedByColor", c, a.allocatedByColor()[c]);
+        if (a.freeByColor()[c] != static_cast<unsigned int>(freeChunkBytes[c]))
+            return fail("freeByColor", c, a.freeByColor()[c]);
+    }
+    if (a.allocatedTotal() != static_cast<unsigned int>(total)) return fail("allocatedTotal", a.allocatedTotal(), total);
+    if (total != allocatedPages * kPageSize) return "allocated pages";
+    if (a.internalFreeBytes != static_cast<unsigned int>(runBytes))
+        return fail("internalFree", a.internalFreeBytes, runBytes);
+    if (a.obtainedBytes < ownedPages * kPageSize) return fail("owned more than obtained", ownedPages, a.obtainedBytes);
+    return nullptr;
+}
+
+
+// The census for the memory report: page runs and chunks from the directory, free
+// runs from their list; a region is a stretch of owned directory entries (regions
+// that touch count as one).
+void BSDAllocator::census(detail::MemoryCensus& c) const {
+    c.walked = true;
+    c.obtained += obtainedBytes;
+    if (!directory) return;
+    bool owned = false;
+    for (unsigned long i = 0; i <= lastIndex;) {
+        unsigned long entry = directory[i];
+        if (entry != kNotOwned && !owned) ++c.regions;
+        owned = entry != kNotOwned;
+        if (entry > kRunFollow) {
+            pginfo const* info = reinterpret_cast<pginfo const*>(entry);
+            for (unsigned k = 0; k < info->total; ++k) c.count(info->size, k >= info->free);
+            ++i;
+        } else if (entry >= kRunFirst && entry < kRunFollow) {
+            unsigned long pages = runPages(i);
+            c.count(pages << kPageShift, true);
+            i += pages;
+        } else {
+            ++i;
+        }
+    }
+    for (FreeRun const* r = freeRuns; r; r = r->next) c.count(r->size, false);
+}
 
 }  // namespace Utils
