@@ -4,7 +4,7 @@
 // are released.
 #include "alloc_stream.h"
 #include "utils/result.h"
-#include "memory/bsdalloc_internal.h"
+#include "memory/pagealloc_internal.h"
 #include "region_source.h"
 
 namespace {

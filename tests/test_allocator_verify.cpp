@@ -12,7 +12,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "memory/bsdalloc_internal.h"
+#include "memory/pagealloc_internal.h"
 #include "region_source.h"
 #include "utils/allocator.h"
 

@@ -16,7 +16,7 @@
 
 #include "child.h"
 #include "knobs.h"
-#include "memory/bsdalloc_internal.h"
+#include "memory/pagealloc_internal.h"
 #include "utils/allocator.h"
 #include "utils/avltree.h"
 #include "utils/log.h"
