@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -1299,3 +1300,272 @@ TEST(LogVerifier, ReportsACategoryWhoseNameNoLongerMatchesItsIndexEntry) {
 }
 
 TEST(LogVerifier, ProcessHubIsSound) { EXPECT_EQ(detail::verifyHub(*Log::theLog()), nullptr); }
+
+// ---------------------------------------------------------------------------
+// Further pinned behaviour: header cuts, per-category setters, sink edge cases,
+// configuration read by a hub built in this process
+// ---------------------------------------------------------------------------
+
+namespace {
+
+// The header as itemHeader builds it, piece by piece: a piece that takes the length
+// past `size` is counted whole and ends the header.
+int modelHeaderLength(std::vector<std::string> const& pieces, unsigned int size) {
+    unsigned long length = 0;
+    for (std::string const& p : pieces) {
+        length += p.size();
+        if (length > size) return static_cast<int>(length);
+    }
+    return static_cast<int>(length);
+}
+
+}  // namespace
+
+TEST(LogHeader, EveryCutPointGivesTheModelLengthAndAPrefixOfTheWholeHeader) {
+    struct Case {
+        char const* className;
+        int level;
+        unsigned int verbosity;
+        std::vector<std::string> pieces;
+    };
+    std::vector<Case> cases = {
+        {"debug", 2, 0, {"debug", "[2]", "|net", "|"}},
+        {"debug", 2, 1, {"debug", "[2]", "|net", "|src.cpp:77", "|"}},
+        {"error", -3, 0, {"error", "|net", "|"}},
+        {"error", -3, 1, {"error", "|net", "|src.cpp:77", "|"}},
+    };
+    for (Case const& k : cases) {
+        std::string whole;
+        for (std::string const& p : k.pieces) whole += p;
+        for (unsigned int size = static_cast<unsigned int>(strlen(k.className)); size <= whole.size() + 2; ++size) {
+            SCOPED_TRACE(whole + " cut at " + std::to_string(size));
+            char buffer[128];
+            memset(buffer, 'z', sizeof buffer);
+            int n = itemHeader(k.className, "net", k.level, "src.cpp", 77, buffer, size, k.verbosity);
+            EXPECT_EQ(n, modelHeaderLength(k.pieces, size));
+            // Whatever was cut, the buffer holds the start of the whole header.
+            size_t kept = std::min<size_t>(size == strlen(k.className) ? size : size - 1, whole.size());
+            EXPECT_EQ(std::string(buffer, kept), whole.substr(0, kept));
+            if (size > whole.size()) {
+                EXPECT_STREQ(buffer, whole.c_str());
+            }
+        }
+    }
+}
+
+TEST(LogHeader, CutInsideTheTimeStopsThereAndCountsTheWholeTimePiece) {
+    std::string start = "debug[2]|net|src.cpp:77";
+    char buffer[128];
+    memset(buffer, 'z', sizeof buffer);
+    unsigned int size = static_cast<unsigned int>(start.size()) + 3;
+    int n = itemHeader("debug", "net", 2, "src.cpp", 77, buffer, size, 2);
+    // "|<time>|<task>|<coop>|" is longer than the three characters left.
+    EXPECT_GT(n, static_cast<int>(size));
+    EXPECT_EQ(strlen(buffer), size - 1);
+    EXPECT_EQ(std::string(buffer, start.size() + 1), start + "|");
+    EXPECT_TRUE(buffer[start.size() + 1] >= '0' && buffer[start.size() + 1] <= '9') << buffer;
+}
+
+TEST(LogCategories, PerCategoryEnabledSetterChangesOnlyThatCategory) {
+    Log log;
+    unsigned int a = log.getCategory("one");
+    unsigned int b = log.getCategory("two");
+    log.setEnabled(a, true);
+    EXPECT_TRUE(log.enabled(a));
+    EXPECT_FALSE(log.enabled(b));
+    log.setLevel(a, 3);
+    CountedRef<Capture> capture = new Capture;
+    log.setLogger(capture.get());
+    EXPECT_EQ(log.print(MessageDebug, a, 3, "f", 1, "on"), 7);
+    EXPECT_EQ(log.print(MessageDebug, b, 0, "f", 1, "off"), 0);
+    log.setEnabled(a, false);
+    EXPECT_FALSE(log.enabled(a));
+    EXPECT_EQ(log.print(MessageDebug, a, 3, "f", 1, "off again"), 0);
+    EXPECT_EQ(capture->snapshot(), std::vector<std::string>{"debug[3]|one|on"});
+    log.setLogger(nullptr);
+}
+
+TEST_F(HubTest, LineLogByNameReturnsZeroWhenFilteredOut) {
+    LineLog site(MessageDebug, "site.cpp", 9, &log);
+    EXPECT_EQ(site.print("quiet", 0, "dropped %d", 1), 0);  // a new category is disabled
+    log.setEnabled(log.getCategory("quiet"), true);
+    EXPECT_EQ(site.print("quiet", 1, "above the level"), 0);
+    EXPECT_EQ(site.print("quiet", 0, "kept %d", 2), 1);
+    EXPECT_EQ(capture->snapshot(), std::vector<std::string>{"debug[0]|quiet|kept 2"});
+}
+
+TEST(LogSinks, FileSinkLineThatCannotBeFormattedBecomesAnEmptyLine) {
+    std::string path = tempPath("unformattable");
+    {
+        FileLogger f(path.c_str(), FileLogger::Replace);
+        ASSERT_TRUE(f.valid());
+        // A wide character outside Unicode cannot be converted: vsnprintf fails.
+        wchar_t const bad[] = {static_cast<wchar_t>(0x110000), 0};
+        callPrint(f, MessageWarning, "before %ls after", bad);
+        callPrint(f, MessageWarning, "next %d", 2);
+    }
+    EXPECT_EQ(readFile(path), "\nnext 2\n");
+    unlink(path.c_str());
+}
+
+TEST(LogSinks, SystemSinkGivesInfoAndDebugLinesTheirPriorities) {
+    int pipefd[2];
+    ASSERT_EQ(pipe(pipefd), 0);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        close(pipefd[0]);
+        std::string problem = privateDevLog();
+        if (!problem.empty()) {
+            writeAll(pipefd[1], problem);
+            zotest::exitChild(0);
+        }
+        int sock = socket(AF_UNIX, SOCK_DGRAM, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        strcpy(addr.sun_path, "/dev/log");
+        if (sock < 0 || bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+            writeAll(pipefd[1], std::string("SKIP cannot bind /dev/log: ") + strerror(errno));
+            zotest::exitChild(0);
+        }
+        timeval tv{5, 0};
+        setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        std::string got;
+        {
+            SystemLogger sink(nullptr);
+            char datagram[1024];
+            for (MessageClass c : {MessageInfo, MessageDebug, static_cast<MessageClass>(9)}) {
+                callPrint(sink, c, "class %d", static_cast<int>(c));
+                ssize_t n = recv(sock, datagram, sizeof datagram - 1, 0);
+                got += n > 0 ? std::string(datagram, static_cast<size_t>(n)) : std::string("FAIL nothing received");
+                got += "\n";
+            }
+        }
+        writeAll(pipefd[1], got);
+        zotest::exitChild(0);
+    }
+    close(pipefd[1]);
+    int status;
+    std::string report = zotest::collectChildReport(pipefd[0], pid, &status);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    if (report.rfind("SKIP ", 0) == 0) GTEST_SKIP() << report.substr(5);
+    std::vector<std::string> lines;
+    std::istringstream in(report);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    ASSERT_EQ(lines.size(), 3u) << report;
+    // LOG_USER is 8; LOG_INFO 6, LOG_DEBUG 7, and any other class is debug too.
+    EXPECT_EQ(lines[0].rfind("<14>", 0), 0u) << report;
+    EXPECT_NE(lines[0].find(": class 2"), std::string::npos) << report;
+    EXPECT_EQ(lines[1].rfind("<15>", 0), 0u) << report;
+    EXPECT_NE(lines[1].find(": class 3"), std::string::npos) << report;
+    EXPECT_EQ(lines[2].rfind("<15>", 0), 0u) << report;
+    EXPECT_NE(lines[2].find(": class 9"), std::string::npos) << report;
+}
+
+namespace {
+
+// Sets configuration variables of this process for one hub's construction and
+// takes them away again, so that later hubs see the quiet configuration.
+struct ConfigurationFor {
+    ConfigurationFor(std::initializer_list<std::pair<char const*, std::string>> vars) : set(vars) {
+        for (auto const& v : set) setenv(v.first, v.second.c_str(), 1);
+    }
+    ~ConfigurationFor() {
+        for (auto const& v : set) unsetenv(v.first);
+    }
+    ConfigurationFor(ConfigurationFor const&) = delete;
+    ConfigurationFor& operator=(ConfigurationFor const&) = delete;
+    std::vector<std::pair<char const*, std::string>> set;
+};
+
+}  // namespace
+
+TEST(LogConfig, HubBuiltHereReadsLevelVerbosityEnabledAndCategories) {
+    ConfigurationFor config{{"ZOUTILS_LOG_LEVEL", "4"},
+                             {"ZOUTILS_LOG_VERBOSITY", "1"},
+                             {"ZOUTILS_LOG_ENABLED", "2"},
+                             {"ZOUTILS_LOG_CATEGORIES", "net:db#6"}};
+    Log log;
+    unsigned int fresh = log.getCategory("fresh");
+    EXPECT_EQ(log.level(fresh), 4);
+    EXPECT_TRUE(log.enabled(fresh));
+    EXPECT_EQ(log.verbosity(fresh), 1u);
+    unsigned int net = log.getCategory("net"), db = log.getCategory("db");
+    EXPECT_TRUE(log.enabled(net));
+    EXPECT_EQ(log.level(net), 4);
+    EXPECT_EQ(log.verbosity(net), 1u);
+    EXPECT_TRUE(log.enabled(db));
+    EXPECT_EQ(log.level(db), 6);
+    EXPECT_EQ(log.logger(MessageError), Log::theDefaultLogger().get());
+}
+
+TEST(LogConfig, HubBuiltHereWithEnabledZeroSwitchesListedCategoriesOff) {
+    ConfigurationFor config{{"ZOUTILS_LOG_ENABLED", "0"}, {"ZOUTILS_LOG_CATEGORIES", "net#2"}};
+    Log log;
+    unsigned int net = log.getCategory("net");
+    EXPECT_FALSE(log.enabled(net));
+    EXPECT_EQ(log.level(net), 2);
+    EXPECT_FALSE(log.enabled(log.getCategory("other")));
+}
+
+TEST(LogConfig, HubBuiltHereInstallsAReplacingFileSink) {
+    std::string path = tempPath("configured_file");
+    writeFile(path, "old line\n");
+    {
+        ConfigurationFor config{{"ZOUTILS_LOG_LOGGER", "file"},
+                                 {"ZOUTILS_LOG_FILENAME", path},
+                                 {"ZOUTILS_LOG_FILEOPENMODE", "replace"}};
+        Log log;
+        for (MessageClass c : {MessageError, MessageWarning, MessageInfo, MessageDebug}) {
+            FileLogger* f = dynamic_cast<FileLogger*>(log.logger(c));
+            ASSERT_NE(f, nullptr) << "class " << c;
+            EXPECT_TRUE(f->valid());
+            EXPECT_EQ(f, log.logger(MessageError));
+        }
+        log.print(MessageError, "cfg", -3, "f", 1, "value %d", 5);
+    }
+    EXPECT_EQ(readFile(path), "error|cfg|value 5\n");
+    unlink(path.c_str());
+}
+
+TEST(LogConfig, HubBuiltHereAppendsToTheFileForAnyOtherMode) {
+    std::string path = tempPath("configured_append");
+    writeFile(path, "old line\n");
+    {
+        ConfigurationFor config{{"ZOUTILS_LOG_LOGGER", "file"},
+                                 {"ZOUTILS_LOG_FILENAME", path},
+                                 {"ZOUTILS_LOG_FILEOPENMODE", "truncate"}};
+        Log log;
+        log.print(MessageWarning, "cfg", -2, "f", 1, "more");
+    }
+    EXPECT_EQ(readFile(path), "old line\nwarning|cfg|more\n");
+    unlink(path.c_str());
+}
+
+TEST(LogConfig, HubBuiltHereWithoutAFilenameKeepsTheDefaultSink) {
+    ConfigurationFor config{{"ZOUTILS_LOG_LOGGER", "file"}, {"ZOUTILS_LOG_FILEOPENMODE", "replace"}};
+    Log log;
+    for (MessageClass c : {MessageError, MessageWarning, MessageInfo, MessageDebug})
+        EXPECT_EQ(log.logger(c), Log::theDefaultLogger().get()) << "class " << c;
+}
+
+TEST(LogConfig, HubBuiltHereInstallsTheNullOrSystemSinkAndKeepsTheDefaultForOtherWords) {
+    {
+        ConfigurationFor config{{"ZOUTILS_LOG_LOGGER", "null"}};
+        Log log;
+        for (MessageClass c : {MessageError, MessageWarning, MessageInfo, MessageDebug})
+            EXPECT_NE(dynamic_cast<NullLogger*>(log.logger(c)), nullptr) << "class " << c;
+        EXPECT_EQ(log.print(MessageError, "cfg", -3, "f", 1, "discarded"), 0);
+    }
+    {
+        ConfigurationFor config{{"ZOUTILS_LOG_LOGGER", "system"}};
+        Log log;
+        for (MessageClass c : {MessageError, MessageWarning, MessageInfo, MessageDebug})
+            EXPECT_NE(dynamic_cast<SystemLogger*>(log.logger(c)), nullptr) << "class " << c;
+    }
+    for (char const* word : {"stdout", "nullx", ""}) {
+        ConfigurationFor config{{"ZOUTILS_LOG_LOGGER", word}};
+        Log log;
+        EXPECT_EQ(log.logger(MessageInfo), Log::theDefaultLogger().get()) << word;
+    }
+}

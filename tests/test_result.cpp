@@ -618,3 +618,25 @@ TEST(Results, RaisingWhenMemoryIsExhaustedReturnsTheCodeAndNeverRecurses) {
     if (report.rfind("SKIP ", 0) == 0) GTEST_SKIP() << report.substr(5);
     EXPECT_EQ(report, "");
 }
+
+TEST(Results, VerifierReportsANullListenerUntilItIsRemoved) {
+    ASSERT_EQ(detail::verifyResultTables(), nullptr);
+    addResultListener(nullptr);
+    char const* fault = detail::verifyResultTables();
+    ASSERT_NE(fault, nullptr);
+    EXPECT_STREQ(fault, "result tables: a listener is null");
+    removeResultListener(nullptr);
+    EXPECT_EQ(detail::verifyResultTables(), nullptr);
+}
+
+TEST(Results, SuccessCodesGetTheSuccessTextAndClearingAnUnsuppressedCodeDoesNothing) {
+    EXPECT_STREQ(resultToString(0x7fffffffu), "Success #0x7fffffff");
+    EXPECT_STREQ(resultToString(0u), "Success #0x00000000");
+    clearErrorSuppressed(0x80007771u);  // never suppressed: no effect
+    CapturedHub hub;
+    raiseError(0x80007771u);
+    EXPECT_EQ(lastError(), 0x80007771u);
+    EXPECT_EQ(hub.capture->lines, std::vector<std::string>{"error|utils|Raising error: Failure #0x80007771"});
+    clearError();
+    EXPECT_EQ(detail::verifyResultTables(), nullptr);
+}
