@@ -13,9 +13,12 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "child.h"
+#include "foundation/result_tables.h"
 #include "knobs.h"
+#include "log/hub_internal.h"
 #include "memory/pagealloc_internal.h"
 #include "utils/allocator.h"
 #include "utils/avltree.h"
@@ -282,6 +285,112 @@ TEST(Faults, LogCategoriesAndSinksSurviveExhaustion) {
         delete hub;
         return hit;
     });
+}
+
+namespace {
+
+// A sink that counts its own destruction.
+struct Counted : Logger {
+    explicit Counted(int* d) : destroyed(d) {}
+    ~Counted() override { ++*destroyed; }
+    int print(MessageClass, char const*, va_list) override { return 5; }
+    int* destroyed;
+};
+
+}  // namespace
+
+TEST(Faults, HubWithoutItsClassTablePrintsNothingAndKeepsNoSink) {
+    unsigned long classless = 0;
+    sweep("Log construction", [&classless](FaultRun const& r) {
+        r.arm();
+        Log* hub = new Log();
+        bool hit = r.disarm();
+        if (!hub) return hit;
+        EXPECT_EQ(detail::verifyHub(*hub), nullptr);
+        if (!hub->logger(MessageError)) {
+            ++classless;
+            for (MessageClass c : {MessageError, MessageWarning, MessageInfo, MessageDebug})
+                EXPECT_EQ(hub->logger(c), nullptr) << "class " << c;
+            int destroyed = 0;
+            // A sink held by nobody else is deleted at once, for all classes or one.
+            hub->setLogger(new Counted(&destroyed));
+            EXPECT_EQ(destroyed, 1);
+            hub->setLogger(MessageInfo, new Counted(&destroyed));
+            EXPECT_EQ(destroyed, 2);
+            // One that somebody holds stays alive and keeps its count.
+            CountedRef<Logger> held = new Counted(&destroyed);
+            hub->setLogger(held.get());
+            hub->setLogger(MessageWarning, held.get());
+            EXPECT_EQ(destroyed, 2);
+            EXPECT_EQ(held->refCount(), 1u);
+            hub->setLogger(nullptr);
+            hub->setLogger(MessageDebug, nullptr);
+            EXPECT_EQ(hub->print(MessageError, "classless", -3, "f", 1, "nothing"), 0);
+            unsigned int e = 9, w = 9, i = 9, d = 9;
+            hub->resetLogStats();
+            hub->logStats(e, w, i, d);
+            EXPECT_EQ(e + w + i + d, 0u);
+            EXPECT_EQ(detail::verifyHub(*hub), nullptr);
+        } else {
+            EXPECT_NE(hub->logger(MessageDebug), nullptr);
+        }
+        delete hub;
+        return hit;
+    });
+    if (newIsOurs()) {
+        EXPECT_GT(classless, 0u) << "no run left a hub without its class table";
+    }
+}
+
+TEST(Faults, CategoryMadeWhileTheNameTableCannotGrowIsFoundByTheWalk) {
+    unsigned long failing = sweep("getCategory past the name table's first size", [](FaultRun const& r) {
+        Log* hub = new Log();
+        if (!hub) return false;
+        // Sixteen categories fill the first name table to half: the next one grows it.
+        for (int k = 0; k < 16; ++k) hub->getCategory(("early" + std::to_string(k)).c_str());
+        unsigned int before = 16;
+        r.arm();
+        unsigned int n = hub->getCategory("late");
+        bool hit = r.disarm();
+        EXPECT_EQ(detail::verifyHub(*hub), nullptr);
+        if (n == before) {
+            // Made (perhaps without its name table entry): every later lookup finds it.
+            EXPECT_STREQ(hub->getCategory(n), "late");
+            EXPECT_EQ(hub->getCategory("late"), n);
+        } else {
+            // Could not be made: a number that names nothing; made now.
+            EXPECT_EQ(hub->getCategory(n), nullptr);
+            EXPECT_EQ(hub->getCategory("late"), before);
+        }
+        EXPECT_EQ(hub->getCategory("early3"), 3u);
+        EXPECT_EQ(hub->getCategory("later"), before + 1);
+        EXPECT_EQ(detail::verifyHub(*hub), nullptr);
+        delete hub;
+        return hit;
+    });
+    if (newIsOurs()) {
+        EXPECT_GT(failing, 0u);
+    }
+}
+
+TEST(Faults, AThreadWhoseErrorEntryCannotBeMadeReadsZeroAndClearsNothing) {
+    unsigned int cleared = 1, read = 1;
+    bool hit = false;
+    std::thread t([&] {
+        ZoIF_TestFaultArm(ZOIF_FAULT_PROCESS, 1, 1);
+        clearError();
+        cleared = lastError();
+        hit = ZoIF_TestFaultHits() > 0;
+        ZoIF_TestFaultDisarm();
+        read = lastError();
+    });
+    t.join();
+    EXPECT_EQ(cleared, 0u);
+    EXPECT_EQ(read, 0u);
+    EXPECT_EQ(detail::verifyResultTables(), nullptr);
+    if (newIsOurs()) {
+        EXPECT_TRUE(hit) << "the entry was made without an allocation";
+    }
 }
 
 TEST(Faults, VersionsAndIdentifierTextsAreEmptyOnExhaustion) {
