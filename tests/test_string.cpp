@@ -2109,3 +2109,103 @@ TEST(StringConveniences, StreamsWriteTheCharacters) {
     os << String("ab") << '|' << String() << '|' << String("x\0y", 3);
     EXPECT_EQ(os.str(), std::string("ab||x\0y", 7));
 }
+
+// ---------------------------------------------------------------------------
+// Further pinned behaviour: comparisons with a null side, substitution edge cases,
+// edits whose source is the string's own buffer or null
+// ---------------------------------------------------------------------------
+
+TEST(StringCompare, NullSideRulesHoldForCompareAndICompare) {
+    String null;
+    String empty("");
+    String text("Abc");
+    String other("aBC");
+    ASSERT_TRUE(null.isNull());
+    ASSERT_FALSE(empty.isNull());
+    EXPECT_EQ(null.compare(text), -1);
+    EXPECT_EQ(null.icompare(text), -1);
+    EXPECT_EQ(text.compare(null), 1);
+    EXPECT_EQ(text.icompare(null), 1);
+    EXPECT_EQ(null.compare(empty), 0);
+    EXPECT_EQ(null.icompare(empty), 0);
+    EXPECT_EQ(empty.compare(null), 0);
+    EXPECT_EQ(empty.icompare(null), 0);
+    EXPECT_EQ(null.compare(String()), 0);
+    EXPECT_EQ(null.icompare(String()), 0);
+    String shared = text;  // one representation
+    EXPECT_EQ(shared.icompare(text), 0);
+    EXPECT_EQ(text.icompare(other), 0);
+    EXPECT_NE(text.compare(other), 0);
+}
+
+TEST(StringSubstitute, EdgeCasesLeaveTheTextOrRemoveTheMatches) {
+    String s("a-b-c");
+    EXPECT_STREQ(s.substitute("-", nullptr).text(), "abc");   // a null `to` counts as ""
+    EXPECT_STREQ(s.substitute("x", "yy").text(), "a-b-c");    // no match: a copy
+    EXPECT_STREQ(s.substitute(nullptr, "yy").text(), "a-b-c");
+    EXPECT_STREQ(s.substitute("", "yy").text(), "a-b-c");
+    EXPECT_STREQ(s.substitute("-", "--").text(), "a--b--c");
+    String gone("aaa");
+    String none = gone.substitute("a", "");
+    EXPECT_EQ(none.length(), 0u);
+    EXPECT_FALSE(none.isNull());
+    EXPECT_TRUE(String().substitute("a", "b").isNull());
+    EXPECT_STREQ(s.text(), "a-b-c");
+}
+
+TEST(StringRepEdits, SourcesInsideTheOwnBufferAreReadBeforeTheyMove) {
+    StringRep r;
+    r = "hello world";
+    r = r.data + 6;  // a piece of its own text
+    EXPECT_STREQ(r.data, "world");
+    EXPECT_EQ(r.length, 5u);
+    EXPECT_EQ(r.verify(), nullptr);
+
+    StringRep a;
+    a = "abc";
+    char const* block = a.data;
+    unsigned int capacity = a.capacity;
+    a.append(a.data, 3);  // fits under the capacity rule: moved within the buffer
+    EXPECT_STREQ(a.data, "abcabc");
+    EXPECT_EQ(a.data, block);
+    EXPECT_EQ(a.capacity, capacity);
+    EXPECT_EQ(a.verify(), nullptr);
+
+    StringRep s;
+    s = "abcXabc";
+    s.substitute(s.data + 4, "-");  // `from` is "abc", the tail of the text itself
+    EXPECT_STREQ(s.data, "-X-");
+    EXPECT_EQ(s.verify(), nullptr);
+
+    StringRep t;
+    t = "ab-";
+    t.substitute("-", t.data);  // `to` is the whole text as it was
+    EXPECT_STREQ(t.data, "abab-");
+    EXPECT_EQ(t.verify(), nullptr);
+}
+
+TEST(StringRepEdits, NullSourcesAppendAndEditNothing) {
+    StringRep r;
+    r = "keep";
+    r.append(nullptr);
+    r.append(nullptr, 3);
+    EXPECT_STREQ(r.data, "keep");
+    r.replace(nullptr, 2, 0, 1);
+    r.insert(nullptr, 2, 0, 1);
+    EXPECT_STREQ(r.data, "keep");
+    r.insert(nullptr, 0, 5, 2);  // a null source of length 0 is ""
+    r.replace(nullptr, 0, 5, 1);
+    EXPECT_STREQ(r.data, "keep");
+    EXPECT_EQ(r.length, 4u);
+    EXPECT_EQ(r.verify(), nullptr);
+}
+
+TEST(StringStartsWith, EmptyAndNullPrefixesAndNullStrings) {
+    String s("prefix");
+    EXPECT_TRUE(s.startsWith(""));
+    EXPECT_TRUE(s.startsWith(static_cast<char const*>(nullptr)));
+    EXPECT_TRUE(s.startsWith("pre"));
+    EXPECT_FALSE(s.startsWith("pro"));
+    EXPECT_TRUE(String().startsWith(""));
+    EXPECT_FALSE(String().startsWith("p"));
+}
