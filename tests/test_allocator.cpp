@@ -1388,3 +1388,17 @@ TEST(ArenaRegression, SplittingAFreeBlockNextToAnUnmergeableNeighbourMergesTheTa
     a.arena.free(fence);
     EXPECT_STREQ(a.verify(), nullptr);
 }
+
+TEST(GlobalOperators, AlignedNewWhoseSizePlusAlignmentWrapsReturnsNullAndRaisesNothing) {
+    SKIP_UNDER_SANITIZER();
+    Allocator* a = Allocator::theAllocator();
+    Utils::clearError();  // makes this task's error entry before the count is taken
+    unsigned long before = a->allocatedMemory();
+    volatile std::size_t huge = ~std::size_t(0) - 8;  // + 64 wraps around
+    void* p = ::operator new(huge, std::align_val_t(64), std::nothrow);
+    void* q = ::operator new[](huge, std::align_val_t(128), std::nothrow);
+    EXPECT_EQ(nullptr, p);
+    EXPECT_EQ(nullptr, q);
+    EXPECT_EQ(0u, Utils::lastError());
+    EXPECT_EQ(before, a->allocatedMemory());
+}

@@ -350,3 +350,26 @@ TEST(SystemAllocatorSwitch, GlibcCatchesADoubleDeleteOfTheProgram) {
 }
 
 }  // namespace
+
+TEST(MemoryReport, EmptyOrNullTitleGivesTheDefaultHeading) {
+    Utils::SimpleAllocator simple;
+    EXPECT_EQ(parse(reportOf(&simple, "")).title, "allocator");
+    EXPECT_EQ(parse(reportOf(&simple, nullptr)).title, "allocator");
+    EXPECT_EQ(parse(reportOf(&simple, "mine")).title, "mine");
+}
+
+TEST(MemoryReport, ColourNameQueriesOutsideTheRangeOrWithoutABuffer) {
+    char buffer[8];
+    std::memset(buffer, 'x', sizeof buffer);
+    EXPECT_EQ(Utils::memoryColorName(256, buffer, sizeof buffer), 0u);  // no colour above 255 has a name
+    EXPECT_STREQ(buffer, "");
+    ASSERT_EQ(Utils::setMemoryColorName(201, "named"), 0u);
+    std::memset(buffer, 'x', sizeof buffer);
+    EXPECT_EQ(Utils::memoryColorName(201, nullptr, 0), 5u);
+    EXPECT_EQ(Utils::memoryColorName(201, buffer, 0), 5u);
+    EXPECT_EQ(buffer[0], 'x');  // a size of 0 writes nothing
+    EXPECT_EQ(Utils::memoryColorName(201, buffer, 1), 5u);
+    EXPECT_STREQ(buffer, "");
+    Utils::setMemoryColorName(201, nullptr);
+    EXPECT_EQ(Utils::memoryColorName(201, buffer, sizeof buffer), 0u);
+}
