@@ -5,13 +5,6 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh build test
-mkdir -p build
-log=build/test.log
-echo "zoutils: configuring and building the test preset (output in $log)"
-if ! { cmake --preset test && cmake --build --preset test -j "$(nproc)"; } >"$log" 2>&1; then
-  echo "zoutils: the build failed; the end of $log:" >&2
-  tail -n 30 "$log" >&2
-  exit 1
-fi
+scripts/build_preset.sh test
 echo "zoutils: running the tests (ctest --preset test)"
 ctest --preset test
