@@ -2209,3 +2209,37 @@ TEST(StringStartsWith, EmptyAndNullPrefixesAndNullStrings) {
     EXPECT_TRUE(String().startsWith(""));
     EXPECT_FALSE(String().startsWith("p"));
 }
+
+TEST(SubStringCompare, WithoutAViewEverythingComparesMinusOne) {
+    SubString none;
+    String text("abc");
+    SubString view(text, 0, 2);
+    EXPECT_EQ(none.compare("x"), -1);
+    EXPECT_EQ(none.compare(text), -1);
+    EXPECT_EQ(none.compare(view), -1);
+    EXPECT_EQ(none.icompare("x"), -1);
+    EXPECT_EQ(none.icompare(text), -1);
+    EXPECT_EQ(none.icompare(view), -1);
+    EXPECT_EQ(none.compare(none), -1);
+    // A view compared with no view reads the missing one as "", which the argument-
+    // first order puts before the view's text.
+    EXPECT_LT(view.compare(none), 0);
+    EXPECT_LT(view.icompare(none), 0);
+}
+
+TEST(SubStringCompare, ViewsOfANullStringAndSharedViewsAreEqual) {
+    String null;
+    String text("abc");
+    SubString ofNull(null, 0);
+    SubString alsoOfNull(null, 0);
+    SubString view(text, 1);
+    SubString shared(view);
+    EXPECT_TRUE(shared == view);  // one view
+    EXPECT_TRUE(ofNull == alsoOfNull);  // two empty views
+    EXPECT_FALSE(ofNull == view);
+    SubString emptyOfText(text, 3);
+    EXPECT_TRUE(ofNull == emptyOfText);
+    EXPECT_EQ(view.icompare(String("BCd")), 0);  // bounded by the view's length
+    EXPECT_EQ(view.compare(String("bcd")), 0);
+    EXPECT_NE(view.compare(String("BCd")), 0);
+}
