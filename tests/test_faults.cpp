@@ -393,6 +393,43 @@ TEST(Faults, AThreadWhoseErrorEntryCannotBeMadeReadsZeroAndClearsNothing) {
     }
 }
 
+TEST(Faults, TheProcessHubBuiltWithoutMemoryIsNeverNullAndSaysSoOnce) {
+    int pipefd[2];
+    ASSERT_EQ(pipe(pipefd), 0);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        close(pipefd[0]);
+        dup2(pipefd[1], 2);
+        // As if this were the process's first theLog(), with no memory at all.
+        Log* old = Log::theLog_;
+        Log::theLog_ = nullptr;
+        ZoIF_TestFaultArm(ZOIF_FAULT_PROCESS, 1, 1);
+        Log* hub = Log::theLog();
+        Log* again = Log::theLog();
+        bool sinks = hub && hub->logger(MessageError) != nullptr;
+        int printed = hub ? hub->print(MessageError, "faults", -3, "f", 1, "dropped") : -1;
+        ZoIF_TestFaultDisarm();
+        std::string report = std::string("hub=") + (hub ? "set" : "null") + " same=" + (hub == again ? "1" : "0") +
+                             " fresh=" + (hub != old ? "1" : "0") + " sinks=" + (sinks ? "1" : "0") +
+                             " printed=" + std::to_string(printed) +
+                             " sound=" + (hub && !detail::verifyHub(*hub) ? "1" : "0") + "\n";
+        if (write(pipefd[1], report.data(), report.size()) < 0) zotest::exitChild(3);
+        zotest::exitChild(0);
+    }
+    close(pipefd[1]);
+    int status;
+    std::string report = zotest::collectChildReport(pipefd[0], pid, &status);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << report;
+    EXPECT_NE(report.find("hub=set same=1 fresh=1 "), std::string::npos) << report;
+    EXPECT_NE(report.find(" sound=1"), std::string::npos) << report;
+    if (newIsOurs()) {
+        EXPECT_EQ(report,
+                  "zoutils: no memory for the log hub's sinks: nothing will be logged\n"
+                  "hub=set same=1 fresh=1 sinks=0 printed=0 sound=1\n");
+    }
+}
+
 TEST(Faults, VersionsAndIdentifierTextsAreEmptyOnExhaustion) {
     sweep("Version::create / UID::asText", [](FaultRun const& r) {
         UID id(0xC0D1F1EDu, 0x0ABC1234u, 7);
