@@ -1211,6 +1211,23 @@ TEST(GlobalOperators, NewAboveTheLimitReturnsNullAndRaisesNothing) {
     EXPECT_EQ(0u, Utils::lastError());
 }
 
+// size + alignment would wrap around: refused before the allocator is asked.
+TEST(GlobalOperators, AlignedNewWhoseSizeWrapsReturnsNull) {
+    SKIP_UNDER_SANITIZER();
+    Utils::clearError();
+    Allocator* a = Allocator::theAllocator();
+    unsigned long before = a->allocatedMemory();
+    // Through a volatile, so that the compiler does not object to the constant.
+    std::size_t volatile nearTop = ~std::size_t(0) - 31;
+    std::size_t volatile nearTop2 = ~std::size_t(0) - 100;
+    void* p = ::operator new(nearTop, std::align_val_t(64), std::nothrow);
+    void* q = ::operator new[](nearTop2, std::align_val_t(128), std::nothrow);
+    EXPECT_EQ(nullptr, p);
+    EXPECT_EQ(nullptr, q);
+    EXPECT_EQ(before, a->allocatedMemory());
+    EXPECT_EQ(0u, Utils::lastError());
+}
+
 TEST(GlobalOperators, DeleteOfNullDoesNothing) {
     Allocator* a = Allocator::theAllocator();
     unsigned long before = a->allocatedMemory();
