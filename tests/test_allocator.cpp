@@ -606,6 +606,73 @@ TEST(Arena, ARegionBelowTheArenaIsLeftUnused) {
     EXPECT_EQ(nullptr, arena.verify());
 }
 
+// Hands out one region of a chosen placement and size per request (offset from
+// the start of its reservation, and the size it then reports), then refuses.
+class ScriptedSource : public RegionSource {
+public:
+    ScriptedSource(unsigned long offset, unsigned long bytes)
+        : RegionSource(1ul << 16, 1ul << 24), offset_(offset), bytes_(bytes) {
+        mprotect(base(), 1ul << 20, PROT_READ | PROT_WRITE);
+    }
+    void* alloc(unsigned long) override {
+        ++requests;
+        if (given_) return nullptr;
+        given_ = true;
+        return base() + offset_;
+    }
+    unsigned long size(void*) const override { return given_ ? bytes_ : 0; }
+
+private:
+    unsigned long offset_;
+    unsigned long bytes_;
+    bool given_ = false;
+};
+
+TEST(Arena, WithoutAParentEveryRequestFails) {
+    MemoryAllocator arena(nullptr);
+    arena.init();
+    EXPECT_EQ(nullptr, arena.alloc(100));
+    EXPECT_EQ(nullptr, arena.alloc(20));  // a small block needs a carrier from a region too
+    EXPECT_EQ(0u, arena.allocatedMemory());
+    EXPECT_EQ(0u, arena.internalFree());
+    EXPECT_EQ(nullptr, arena.firstBlock());
+    EXPECT_EQ(nullptr, arena.verify());
+}
+
+TEST(Arena, AMisalignedRegionIsTrimmedTo16Bytes) {
+    ScriptedSource source(8, (1ul << 16) - 8);
+    MemoryAllocator arena(&source);
+    arena.init();
+    void* p = arena.alloc(1000);
+    ASSERT_NE(nullptr, p);
+    EXPECT_EQ(0u, addr(p) % 16);
+    EXPECT_GE(addr(p), addr(source.base()) + 16);
+    EXPECT_GE(arena.size(p), 1000u);
+    // The region, trimmed to 16-byte bounds and less the arena's 16 bytes of
+    // bookkeeping, is the busy block plus the free rest.
+    EXPECT_EQ((1ul << 16) - 16 - 16, arena.allocatedMemory() + arena.internalFree());
+    EXPECT_EQ(nullptr, arena.verify());
+    arena.free(p);
+    EXPECT_EQ(0u, arena.allocatedMemory());
+    EXPECT_EQ(nullptr, arena.verify());
+}
+
+TEST(Arena, RegionsTooSmallToUseAreLeftAlone) {
+    struct Case {
+        unsigned long offset, bytes;
+    } cases[] = {{8, 4}, {0, 8}, {0, 512}};  // misaligned and shorter than the trim; under 16; under the request
+    for (Case c : cases) {
+        ScriptedSource source(c.offset, c.bytes);
+        MemoryAllocator arena(&source);
+        arena.init();
+        EXPECT_EQ(nullptr, arena.alloc(1000)) << c.offset << "+" << c.bytes;
+        EXPECT_EQ(1u, source.requests);
+        EXPECT_EQ(nullptr, arena.firstBlock());
+        EXPECT_EQ(0u, arena.allocatedMemory() + arena.internalFree());
+        EXPECT_EQ(nullptr, arena.verify());
+    }
+}
+
 TEST(Arena, ANewRegionIsNotMergedWithAFreeBlockEndingTheArena) {
     Arena a(1ul << 16);
     void* p = a.arena.alloc(100);  // the rest of the region is one free block
