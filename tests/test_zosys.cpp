@@ -430,6 +430,14 @@ TEST_P(Events, NegativeOrZeroTimeoutPolls) {
     k.destroy(e);
 }
 
+TEST_P(Events, AVastTimeoutOnASignalledEventTakesItAtOnce) {
+    EventKind k = GetParam();
+    ZoIF_Handle e = k.create(0, 1);
+    EXPECT_EQ(k.waitTimed(e, 1e12), 1);  // far beyond any time_t deadline: clamped, not overflowed
+    EXPECT_EQ(k.waitTimed(e, 0.0), 0) << "the auto-reset signal was consumed";
+    k.destroy(e);
+}
+
 TEST_P(Events, ResetClearsAPendingSignal) {
     EventKind k = GetParam();
     ZoIF_Handle e = k.create(0, 1);
@@ -1039,6 +1047,41 @@ TEST_F(Config, BadArgumentsAreRefused) {
     setenv("ZOTEST_TEXT", "", 1);
     EXPECT_NE(ZoIF_GetConfigString("ZoTest.Text", buf, 0), 0);
     EXPECT_NE(ZoIF_GetConfigString("ZoTest.Text", nullptr, 4), 0);
+}
+
+TEST_F(Config, StringLookupRefusesAMissingKey) {
+    char buf[8] = "keep";
+    setenv("ZOTEST_TEXT", "x", 1);
+    EXPECT_EQ(ZoIF_GetConfigString(nullptr, buf, sizeof buf), EINVAL);
+    EXPECT_EQ(ZoIF_GetConfigString("", buf, sizeof buf), EINVAL);
+    EXPECT_STREQ(buf, "keep");
+    EXPECT_EQ(ZoIF_GetConfigString("ZoTest.Text", buf, sizeof buf), 0);
+    EXPECT_STREQ(buf, "x");
+}
+
+TEST_F(Config, EmptyHomeMeansNoUserFile) {
+    unsetenv("XDG_CONFIG_HOME");
+    std::string oldHome = std::getenv("HOME") ? std::getenv("HOME") : "";
+    setenv("HOME", "", 1);
+    writeFile(systemFile(1), "ZoTest.Value = 31\n");
+    int v = 0;
+    int rc = ZoIF_GetConfigNumber("ZoTest.Value", &v);
+    setenv("HOME", oldHome.c_str(), 1);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(v, 31) << "the system files are still read";
+}
+
+TEST_F(Config, EmptySystemDirectoryListMeansTheDefaultOnly) {
+    writeFile(systemFile(1), "ZoTest.Value = 41\n");
+    setenv("XDG_CONFIG_DIRS", "", 1);
+    setenv("ZOSYS_CONFIG_DEBUG", "1", 1);
+    testing::internal::CaptureStderr();
+    int v = 0;
+    int rc = ZoIF_GetConfigNumber("ZoTest.Value", &v);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(rc, 0) << "the test's system directories are not in the default list";
+    EXPECT_EQ(v, 0);
+    EXPECT_NE(err.find("/etc/xdg/zoutils/zoutils.conf"), std::string::npos) << err;
 }
 
 TEST_F(Config, EveryBlankCountsAroundKeysAndValues) {
