@@ -892,6 +892,35 @@ TEST(ProcessAllocator, RequestsAboveTheLimitReturnNullAndRaiseNothing) {
     EXPECT_EQ(0u, Utils::lastError());
 }
 
+// setColor colours nothing: it charges an uncoloured block to colour 0 once more,
+// which adjustColorMemory can take back; the arena's verifier tracks both.
+TEST(ProcessAllocator, SetColorChargesColourZeroAndAdjustTakesItBack) {
+    Allocator* a = Allocator::theAllocator();
+    MemoryAllocator* arena = static_cast<MemoryAllocator*>(a);
+    void* p = a->alloc(200, 0);
+    void* q = a->alloc(200, 9);
+    ASSERT_NE(nullptr, p);
+    ASSERT_NE(nullptr, q);
+    unsigned long block = a->size(p) + 8;
+    unsigned long zero = a->allocatedColorMemory(0);
+    unsigned long nine = a->allocatedColorMemory(9);
+    unsigned long total = a->allocatedMemory();
+    EXPECT_EQ(0u, a->setColor(p, 5));
+    EXPECT_EQ(zero + block, a->allocatedColorMemory(0));
+    EXPECT_EQ(0u, a->color(p)) << "the block keeps its colour";
+    EXPECT_EQ(total, a->allocatedMemory());
+    EXPECT_EQ(0x80000003u, a->setColor(q, 5)) << "a coloured block";
+    EXPECT_EQ(0x80000003u, a->setColor(p, 64)) << "colour 64 is colour 0";
+    EXPECT_EQ(nine, a->allocatedColorMemory(9));
+    EXPECT_EQ(nullptr, arena->verify());
+    a->adjustColorMemory(64, -static_cast<int>(block));  // 64 & 63: colour 0
+    EXPECT_EQ(zero, a->allocatedColorMemory(0));
+    EXPECT_EQ(total, a->allocatedMemory());
+    EXPECT_EQ(nullptr, arena->verify());
+    a->free(p);
+    a->free(q);
+}
+
 TEST(ProcessAllocator, MemoryColorResetRestoresThisThreadsDefaultOnly) {
     Allocator* a = Allocator::theAllocator();
     a->setDefaultColor(2, nullptr);
