@@ -673,6 +673,24 @@ TEST(Arena, RegionsTooSmallToUseAreLeftAlone) {
     }
 }
 
+TEST(Arena, AddressesBeforeTheFirstBlockAreNotBlocks) {
+    Arena a;
+    void* p = a.alloc(100, 3);
+    ASSERT_NE(nullptr, p);
+    // The region's first bytes are the arena's bookkeeping, before its first block.
+    void* before = a.source.base();
+    ASSERT_LT(addr(before), addr(a.arena.firstBlock()));
+    unsigned long allocated = a.arena.allocatedMemory();
+    EXPECT_EQ(0u, a.arena.size(before));
+    EXPECT_EQ(0u, a.arena.color(before));
+    EXPECT_FALSE(a.arena.valid(before));
+    EXPECT_EQ(0x80000003u, a.arena.setColor(before, 4));
+    EXPECT_EQ(allocated, a.arena.allocatedMemory());
+    EXPECT_EQ(0u, a.arena.allocatedColorMemory(0));
+    EXPECT_ARENA_OK(a);
+    a.arena.free(p);
+}
+
 TEST(Arena, ANewRegionIsNotMergedWithAFreeBlockEndingTheArena) {
     Arena a(1ul << 16);
     void* p = a.arena.alloc(100);  // the rest of the region is one free block
