@@ -2,6 +2,7 @@
 // configuration and the clock.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -1082,6 +1083,25 @@ TEST_F(Config, EmptySystemDirectoryListMeansTheDefaultOnly) {
     EXPECT_NE(rc, 0) << "the test's system directories are not in the default list";
     EXPECT_EQ(v, 0);
     EXPECT_NE(err.find("/etc/xdg/zoutils/zoutils.conf"), std::string::npos) << err;
+}
+
+// A diagnostic about a value too long for one message line is cut, and stays one
+// whole line.
+TEST_F(Config, AnOverlongMalformedValueIsReportedOnOneCutLine) {
+    std::string value(5000, 'q');
+    setenv("ZOTEST_VALUE", value.c_str(), 1);
+    testing::internal::CaptureStderr();
+    int v = 7;
+    int rc = ZoIF_GetConfigNumber("ZoTest.Value", &v);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(rc, 0);
+    EXPECT_EQ(v, 7);
+    ASSERT_FALSE(err.empty());
+    EXPECT_EQ(err.rfind("zosys: config:", 0), 0u) << err.substr(0, 80);
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1);
+    EXPECT_EQ(err.back(), '\n');
+    EXPECT_LT(err.size(), value.size());
+    EXPECT_GT(err.size(), 1000u) << "cut near the line buffer's end, not emptied";
 }
 
 TEST_F(Config, EveryBlankCountsAroundKeysAndValues) {
