@@ -232,6 +232,14 @@ TEST_P(Locks, UnknownHandleIsRefused) {
     EXPECT_NE(k.enter(0), 0);
 }
 
+TEST_P(Locks, ExitOfAnUnknownHandleIsRefused) {
+    LockKind k = GetParam();
+    ZoIF_Handle h = k.create();
+    EXPECT_EQ(k.destroy(h), 0);
+    EXPECT_NE(k.exit(h), 0);
+    EXPECT_EQ(k.exit(0), EINVAL);
+}
+
 TEST_P(Locks, OnlyTheHolderExitsAndNestedEntriesCountAcrossContention) {
     LockKind k = GetParam();
     ZoIF_Handle h = k.create();
@@ -480,6 +488,16 @@ TEST_P(Events, DestroyedHandleIsRefused) {
     EXPECT_NE(k.set(e), 0);
     EXPECT_NE(k.destroy(e), 0);
     EXPECT_EQ(k.waitTimed(e, 0.0), 0);
+}
+
+TEST_P(Events, ResetAndUntimedWaitRefuseAnUnknownHandleWithoutBlocking) {
+    EventKind k = GetParam();
+    ZoIF_Handle e = k.create(0, 0);
+    EXPECT_EQ(k.destroy(e), 0);
+    EXPECT_NE(k.reset(e), 0);
+    EXPECT_NE(k.wait(e), 0);
+    EXPECT_EQ(k.reset(0), EINVAL);
+    EXPECT_EQ(k.wait(0), EINVAL);
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, Events,
