@@ -673,6 +673,50 @@ TEST(Arena, RegionsTooSmallToUseAreLeftAlone) {
     }
 }
 
+// Releases between free neighbours merge them whatever their order of release,
+// and the merged block is then the best fit for a request of its size.
+TEST(Arena, ReleasesMergeFreeNeighboursInAnyOrder) {
+    Arena a;
+    void* p[9];
+    for (auto& q : p) {
+        q = a.alloc(200, 6);
+        ASSERT_NE(nullptr, q);
+    }
+    for (int i = 1; i < 9; ++i) ASSERT_EQ(addr(p[i - 1]) + 208, addr(p[i]));
+    unsigned long freeBefore = a.arena.internalFree();
+    unsigned long freeSixBefore = a.arena.freeColorMemory(6);
+    a.arena.free(p[1]);
+    a.arena.free(p[3]);
+    a.arena.free(p[5]);
+    a.arena.free(p[7]);
+    EXPECT_EQ(freeBefore + 4 * 208, a.arena.internalFree());
+    EXPECT_ARENA_OK(a);
+    a.arena.free(p[2]);  // joins p[1] before it and p[3] after it
+    EXPECT_EQ(freeBefore + 5 * 208, a.arena.internalFree());
+    EXPECT_EQ(3u * 208, blockSizeOf(p[1]));
+    EXPECT_EQ(0u, MemoryAllocator::busy(p[1]));
+    EXPECT_EQ(p[4], a.arena.nextBlock(p[1]));
+    EXPECT_ARENA_OK(a);
+    a.arena.free(p[6]);  // joins p[5] and p[7]
+    EXPECT_EQ(3u * 208, blockSizeOf(p[5]));
+    EXPECT_EQ(freeBefore + 6 * 208, a.arena.internalFree());
+    EXPECT_EQ(freeSixBefore + 6 * 208, a.arena.freeColorMemory(6)) << "released under colour 6";
+    EXPECT_ARENA_OK(a);
+    // Best fit: the lower of the two 624-byte blocks, not the free rest of the region.
+    void* again = a.alloc(600, 6);
+    EXPECT_EQ(p[1], again);
+    EXPECT_EQ(p[5], a.alloc(600, 6));
+    EXPECT_ARENA_OK(a);
+    a.arena.free(p[4]);
+    a.arena.free(again);
+    a.arena.free(p[5]);
+    a.arena.free(p[0]);
+    a.arena.free(p[8]);
+    EXPECT_EQ(0u, a.arena.allocatedMemory());
+    EXPECT_EQ(0u, a.arena.allocatedColorMemory(6));
+    EXPECT_ARENA_OK(a);
+}
+
 TEST(Arena, AddressesBeforeTheFirstBlockAreNotBlocks) {
     Arena a;
     void* p = a.alloc(100, 3);
