@@ -717,6 +717,28 @@ TEST(Arena, ReleasesMergeFreeNeighboursInAnyOrder) {
     EXPECT_ARENA_OK(a);
 }
 
+// When what would remain of the only free block is under 80 bytes, the request
+// gets the whole block.
+TEST(Arena, ARequestLeavingUnder80BytesTakesTheWholeFreeBlock) {
+    Arena a(1ul << 16);
+    void* p = a.alloc(1000);  // a 1008-byte block; the region's other 64512 bytes are free
+    ASSERT_NE(nullptr, p);
+    ASSERT_EQ(65536ul - 16 - 1008, a.arena.internalFree());
+    void* q = a.alloc(64448, 5);  // needs 64464: 48 would remain
+    ASSERT_NE(nullptr, q);
+    EXPECT_EQ(addr(p) + 1008, addr(q));
+    EXPECT_EQ(64512ul - 8, a.arena.size(q));
+    EXPECT_EQ(0u, a.arena.internalFree());
+    EXPECT_EQ(64512u, a.arena.allocatedColorMemory(5));
+    EXPECT_EQ(0u, a.arena.freeColorMemory(0));
+    EXPECT_EQ(1u, a.source.requests) << "no new region";
+    EXPECT_ARENA_OK(a);
+    a.arena.free(q);
+    a.arena.free(p);
+    EXPECT_EQ(65536ul - 16, a.arena.internalFree());
+    EXPECT_ARENA_OK(a);
+}
+
 TEST(Arena, AddressesBeforeTheFirstBlockAreNotBlocks) {
     Arena a;
     void* p = a.alloc(100, 3);
