@@ -606,6 +606,157 @@ TEST(Arena, ARegionBelowTheArenaIsLeftUnused) {
     EXPECT_EQ(nullptr, arena.verify());
 }
 
+// Hands out one region of a chosen placement and size per request (offset from
+// the start of its reservation, and the size it then reports), then refuses.
+class ScriptedSource : public RegionSource {
+public:
+    ScriptedSource(unsigned long offset, unsigned long bytes)
+        : RegionSource(1ul << 16, 1ul << 24), offset_(offset), bytes_(bytes) {
+        mprotect(base(), 1ul << 20, PROT_READ | PROT_WRITE);
+    }
+    void* alloc(unsigned long) override {
+        ++requests;
+        if (given_) return nullptr;
+        given_ = true;
+        return base() + offset_;
+    }
+    unsigned long size(void*) const override { return given_ ? bytes_ : 0; }
+
+private:
+    unsigned long offset_;
+    unsigned long bytes_;
+    bool given_ = false;
+};
+
+TEST(Arena, WithoutAParentEveryRequestFails) {
+    MemoryAllocator arena(nullptr);
+    arena.init();
+    EXPECT_EQ(nullptr, arena.alloc(100));
+    EXPECT_EQ(nullptr, arena.alloc(20));  // a small block needs a carrier from a region too
+    EXPECT_EQ(0u, arena.allocatedMemory());
+    EXPECT_EQ(0u, arena.internalFree());
+    EXPECT_EQ(nullptr, arena.firstBlock());
+    EXPECT_EQ(nullptr, arena.verify());
+}
+
+TEST(Arena, AMisalignedRegionIsTrimmedTo16Bytes) {
+    ScriptedSource source(8, (1ul << 16) - 8);
+    MemoryAllocator arena(&source);
+    arena.init();
+    void* p = arena.alloc(1000);
+    ASSERT_NE(nullptr, p);
+    EXPECT_EQ(0u, addr(p) % 16);
+    EXPECT_GE(addr(p), addr(source.base()) + 16);
+    EXPECT_GE(arena.size(p), 1000u);
+    // The region, trimmed to 16-byte bounds and less the arena's 16 bytes of
+    // bookkeeping, is the busy block plus the free rest.
+    EXPECT_EQ((1ul << 16) - 16 - 16, arena.allocatedMemory() + arena.internalFree());
+    EXPECT_EQ(nullptr, arena.verify());
+    arena.free(p);
+    EXPECT_EQ(0u, arena.allocatedMemory());
+    EXPECT_EQ(nullptr, arena.verify());
+}
+
+TEST(Arena, RegionsTooSmallToUseAreLeftAlone) {
+    struct Case {
+        unsigned long offset, bytes;
+    } cases[] = {{8, 4}, {0, 8}, {0, 512}};  // misaligned and shorter than the trim; under 16; under the request
+    for (Case c : cases) {
+        ScriptedSource source(c.offset, c.bytes);
+        MemoryAllocator arena(&source);
+        arena.init();
+        EXPECT_EQ(nullptr, arena.alloc(1000)) << c.offset << "+" << c.bytes;
+        EXPECT_EQ(1u, source.requests);
+        EXPECT_EQ(nullptr, arena.firstBlock());
+        EXPECT_EQ(0u, arena.allocatedMemory() + arena.internalFree());
+        EXPECT_EQ(nullptr, arena.verify());
+    }
+}
+
+// Releases between free neighbours merge them whatever their order of release,
+// and the merged block is then the best fit for a request of its size.
+TEST(Arena, ReleasesMergeFreeNeighboursInAnyOrder) {
+    Arena a;
+    void* p[9];
+    for (auto& q : p) {
+        q = a.alloc(200, 6);
+        ASSERT_NE(nullptr, q);
+    }
+    for (int i = 1; i < 9; ++i) ASSERT_EQ(addr(p[i - 1]) + 208, addr(p[i]));
+    unsigned long freeBefore = a.arena.internalFree();
+    unsigned long freeSixBefore = a.arena.freeColorMemory(6);
+    a.arena.free(p[1]);
+    a.arena.free(p[3]);
+    a.arena.free(p[5]);
+    a.arena.free(p[7]);
+    EXPECT_EQ(freeBefore + 4 * 208, a.arena.internalFree());
+    EXPECT_ARENA_OK(a);
+    a.arena.free(p[2]);  // joins p[1] before it and p[3] after it
+    EXPECT_EQ(freeBefore + 5 * 208, a.arena.internalFree());
+    EXPECT_EQ(3u * 208, blockSizeOf(p[1]));
+    EXPECT_EQ(0u, MemoryAllocator::busy(p[1]));
+    EXPECT_EQ(p[4], a.arena.nextBlock(p[1]));
+    EXPECT_ARENA_OK(a);
+    a.arena.free(p[6]);  // joins p[5] and p[7]
+    EXPECT_EQ(3u * 208, blockSizeOf(p[5]));
+    EXPECT_EQ(freeBefore + 6 * 208, a.arena.internalFree());
+    EXPECT_EQ(freeSixBefore + 6 * 208, a.arena.freeColorMemory(6)) << "released under colour 6";
+    EXPECT_ARENA_OK(a);
+    // Best fit: the lower of the two 624-byte blocks, not the free rest of the region.
+    void* again = a.alloc(600, 6);
+    EXPECT_EQ(p[1], again);
+    EXPECT_EQ(p[5], a.alloc(600, 6));
+    EXPECT_ARENA_OK(a);
+    a.arena.free(p[4]);
+    a.arena.free(again);
+    a.arena.free(p[5]);
+    a.arena.free(p[0]);
+    a.arena.free(p[8]);
+    EXPECT_EQ(0u, a.arena.allocatedMemory());
+    EXPECT_EQ(0u, a.arena.allocatedColorMemory(6));
+    EXPECT_ARENA_OK(a);
+}
+
+// When what would remain of the only free block is under 80 bytes, the request
+// gets the whole block.
+TEST(Arena, ARequestLeavingUnder80BytesTakesTheWholeFreeBlock) {
+    Arena a(1ul << 16);
+    void* p = a.alloc(1000);  // a 1008-byte block; the region's other 64512 bytes are free
+    ASSERT_NE(nullptr, p);
+    ASSERT_EQ(65536ul - 16 - 1008, a.arena.internalFree());
+    void* q = a.alloc(64448, 5);  // needs 64464: 48 would remain
+    ASSERT_NE(nullptr, q);
+    EXPECT_EQ(addr(p) + 1008, addr(q));
+    EXPECT_EQ(64512ul - 8, a.arena.size(q));
+    EXPECT_EQ(0u, a.arena.internalFree());
+    EXPECT_EQ(64512u, a.arena.allocatedColorMemory(5));
+    EXPECT_EQ(0u, a.arena.freeColorMemory(0));
+    EXPECT_EQ(1u, a.source.requests) << "no new region";
+    EXPECT_ARENA_OK(a);
+    a.arena.free(q);
+    a.arena.free(p);
+    EXPECT_EQ(65536ul - 16, a.arena.internalFree());
+    EXPECT_ARENA_OK(a);
+}
+
+TEST(Arena, AddressesBeforeTheFirstBlockAreNotBlocks) {
+    Arena a;
+    void* p = a.alloc(100, 3);
+    ASSERT_NE(nullptr, p);
+    // The region's first bytes are the arena's bookkeeping, before its first block.
+    void* before = a.source.base();
+    ASSERT_LT(addr(before), addr(a.arena.firstBlock()));
+    unsigned long allocated = a.arena.allocatedMemory();
+    EXPECT_EQ(0u, a.arena.size(before));
+    EXPECT_EQ(0u, a.arena.color(before));
+    EXPECT_FALSE(a.arena.valid(before));
+    EXPECT_EQ(0x80000003u, a.arena.setColor(before, 4));
+    EXPECT_EQ(allocated, a.arena.allocatedMemory());
+    EXPECT_EQ(0u, a.arena.allocatedColorMemory(0));
+    EXPECT_ARENA_OK(a);
+    a.arena.free(p);
+}
+
 TEST(Arena, ANewRegionIsNotMergedWithAFreeBlockEndingTheArena) {
     Arena a(1ul << 16);
     void* p = a.arena.alloc(100);  // the rest of the region is one free block
@@ -823,6 +974,35 @@ TEST(ProcessAllocator, RequestsAboveTheLimitReturnNullAndRaiseNothing) {
     EXPECT_EQ(nullptr, a->alloc(0x4000000));
     EXPECT_EQ(nullptr, a->alloc(0x3FFFFE9, 2));
     EXPECT_EQ(0u, Utils::lastError());
+}
+
+// setColor colours nothing: it charges an uncoloured block to colour 0 once more,
+// which adjustColorMemory can take back; the arena's verifier tracks both.
+TEST(ProcessAllocator, SetColorChargesColourZeroAndAdjustTakesItBack) {
+    Allocator* a = Allocator::theAllocator();
+    MemoryAllocator* arena = static_cast<MemoryAllocator*>(a);
+    void* p = a->alloc(200, 0);
+    void* q = a->alloc(200, 9);
+    ASSERT_NE(nullptr, p);
+    ASSERT_NE(nullptr, q);
+    unsigned long block = a->size(p) + 8;
+    unsigned long zero = a->allocatedColorMemory(0);
+    unsigned long nine = a->allocatedColorMemory(9);
+    unsigned long total = a->allocatedMemory();
+    EXPECT_EQ(0u, a->setColor(p, 5));
+    EXPECT_EQ(zero + block, a->allocatedColorMemory(0));
+    EXPECT_EQ(0u, a->color(p)) << "the block keeps its colour";
+    EXPECT_EQ(total, a->allocatedMemory());
+    EXPECT_EQ(0x80000003u, a->setColor(q, 5)) << "a coloured block";
+    EXPECT_EQ(0x80000003u, a->setColor(p, 64)) << "colour 64 is colour 0";
+    EXPECT_EQ(nine, a->allocatedColorMemory(9));
+    EXPECT_EQ(nullptr, arena->verify());
+    a->adjustColorMemory(64, -static_cast<int>(block));  // 64 & 63: colour 0
+    EXPECT_EQ(zero, a->allocatedColorMemory(0));
+    EXPECT_EQ(total, a->allocatedMemory());
+    EXPECT_EQ(nullptr, arena->verify());
+    a->free(p);
+    a->free(q);
 }
 
 TEST(ProcessAllocator, MemoryColorResetRestoresThisThreadsDefaultOnly) {
@@ -1208,6 +1388,23 @@ TEST(GlobalOperators, NewAboveTheLimitReturnsNullAndRaisesNothing) {
     EXPECT_EQ(nullptr, p);
     EXPECT_EQ(nullptr, q);
     EXPECT_EQ(nullptr, r);
+    EXPECT_EQ(0u, Utils::lastError());
+}
+
+// size + alignment would wrap around: refused before the allocator is asked.
+TEST(GlobalOperators, AlignedNewWhoseSizeWrapsReturnsNull) {
+    SKIP_UNDER_SANITIZER();
+    Utils::clearError();
+    Allocator* a = Allocator::theAllocator();
+    unsigned long before = a->allocatedMemory();
+    // Through a volatile, so that the compiler does not object to the constant.
+    std::size_t volatile nearTop = ~std::size_t(0) - 31;
+    std::size_t volatile nearTop2 = ~std::size_t(0) - 100;
+    void* p = ::operator new(nearTop, std::align_val_t(64), std::nothrow);
+    void* q = ::operator new[](nearTop2, std::align_val_t(128), std::nothrow);
+    EXPECT_EQ(nullptr, p);
+    EXPECT_EQ(nullptr, q);
+    EXPECT_EQ(before, a->allocatedMemory());
     EXPECT_EQ(0u, Utils::lastError());
 }
 

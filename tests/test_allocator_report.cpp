@@ -233,6 +233,71 @@ TEST(MemoryReport, ColourNamesAreCopiedTruncatedAndRemovable) {
     EXPECT_STREQ(buffer, "");
 }
 
+TEST(MemoryReport, EmptyTitleIsTheDefaultAndAFreeOnlyColourHasARow) {
+    zotest::RegionSource source;
+    MemoryAllocator arena(&source);
+    arena.init();
+    void* keep = arena.alloc(300, 1);
+    void* gone = arena.alloc(300, 4);
+    arena.free(gone);
+    ASSERT_EQ(arena.allocatedColorMemory(4), 0u);
+    ASSERT_GT(arena.freeColorMemory(4), 0u);
+    Parsed r = parse(reportOf(&arena, ""));
+    EXPECT_EQ(r.title, "allocator");
+    ASSERT_EQ(r.colors.count(4), 1u) << "free bytes alone give a colour its row";
+    EXPECT_EQ(r.colors[4].allocated, 0u);
+    EXPECT_EQ(r.colors[4].free, arena.freeColorMemory(4));
+    arena.free(keep);
+}
+
+TEST(MemoryReport, ColourRowsOfAnAllocatorWithoutFreeCountsSayUnknown) {
+    Utils::SimpleAllocator simple;
+    ASSERT_EQ(Utils::setMemoryColorName(77, "scratch"), 0u);
+    void* p = simple.alloc(100, static_cast<char>(77));
+    Parsed r = parse(reportOf(&simple));
+    ASSERT_EQ(r.colors.count(77), 1u);
+    EXPECT_EQ(r.colors[77].name, "scratch");
+    EXPECT_EQ(r.colors[77].allocated, simple.allocatedColorMemory(77));
+    EXPECT_EQ(r.colors[77].free, ~0ul) << "printed as unknown";
+    simple.free(p);
+    Utils::setMemoryColorName(77, nullptr);
+}
+
+TEST(MemoryReport, ProcessAllocatorReportWalksItsArenas) {
+    Allocator* a = Allocator::theAllocator();
+    void* p = a->alloc(5000);
+    ASSERT_NE(p, nullptr);
+    Parsed r = parse(reportOf(a, "process"));
+    EXPECT_EQ(r.title, "process");
+    EXPECT_GE(r.figures["regions"], 1u);
+    EXPECT_GE(r.busy, 1u);
+    EXPECT_GE(r.figures["allocated"], 5000u);
+    a->free(p);
+}
+
+TEST(MemoryReport, NamesOfColoursAbove255AreEmptyAndTheLengthNeedsNoBuffer) {
+    ASSERT_EQ(Utils::setMemoryColorName(12, "twelve"), 0u);
+    EXPECT_EQ(Utils::memoryColorName(12, nullptr, 0), 6u);
+    char buffer[8] = "xxxxxxx";
+    EXPECT_EQ(Utils::memoryColorName(12, buffer, 0), 6u);
+    EXPECT_STREQ(buffer, "xxxxxxx") << "a zero-size buffer is not written";
+    EXPECT_EQ(Utils::memoryColorName(300, buffer, sizeof buffer), 0u);
+    EXPECT_STREQ(buffer, "");
+    Utils::setMemoryColorName(12, nullptr);
+}
+
+TEST(MemoryReport, NullFileWritesNothing) {
+    zotest::RegionSource source;
+    MemoryAllocator arena(&source);
+    arena.init();
+    void* p = arena.alloc(100);
+    unsigned long before = arena.allocatedMemory();
+    Utils::writeMemoryReport(&arena, static_cast<FILE*>(nullptr), "x");
+    EXPECT_EQ(arena.allocatedMemory(), before);
+    EXPECT_EQ(arena.verify(), nullptr);
+    arena.free(p);
+}
+
 // The process allocator's report at exit, from a child with the key set in its
 // environment or in a ZOSYS_CONFIG file, parsed back.
 struct ProbeRun {

@@ -106,6 +106,122 @@ TEST(ArenaVerify, NamesAWordAtTheEndThatIsNotZero) {
     expectFault(a, "the word at arenaEnd is not 0", [&] { end = 0x1234; }, [&] { end = saved; });
 }
 
+// The block of the arena's walk that holds address p (a carrier for a small block).
+void* blockHolding(MemoryAllocator const& arena, void* p) {
+    char* target = static_cast<char*>(p);
+    for (void* b = arena.firstBlock(); b; b = arena.nextBlock(b)) {
+        unsigned int size = headerWord(b) & 0x03FFFFFCu;
+        char* start = static_cast<char*>(b);
+        if (target >= start && target < start + size) return b;
+    }
+    return nullptr;
+}
+
+TEST(ArenaVerify, NamesAFreeBlockColourWordOutOfRange) {
+    SKIP_UNDER_POISON();
+    Arena a;
+    // A free ordinary block keeps the colour that freed it in the word at H + 28.
+    unsigned int& colour = *reinterpret_cast<unsigned int*>(static_cast<char*>(a.busy[1]) + 24);
+    ASSERT_EQ(colour, 3u);
+    expectFault(a, "free block colour word", [&] { colour = 64; }, [&] { colour = 3; });
+}
+
+TEST(ArenaVerify, NamesTwoFreeOrdinaryBlocksThatTouch) {
+    SKIP_UNDER_POISON();
+    Arena a;
+    ASSERT_EQ(static_cast<char*>(a.busy[2]), static_cast<char*>(a.busy[1]) + 208);
+    unsigned int saved = headerWord(a.busy[2]);
+    // busy[2] marked free (and colourless) right after the free busy[1].
+    expectFault(a, "two free ordinary blocks touch", [&] { headerWord(a.busy[2]) = saved & 0x03FFFFFCu; },
+                [&] { headerWord(a.busy[2]) = saved; });
+}
+
+TEST(ArenaVerify, NamesABlockThatRunsPastTheEnd) {
+    SKIP_UNDER_POISON();
+    Arena a;
+    void* last = nullptr;
+    void* past = nullptr;
+    for (void* p = a.arena.firstBlock(); p; p = a.arena.nextBlock(p)) {
+        last = past;
+        past = p;
+    }
+    ASSERT_NE(last, nullptr);
+    unsigned int saved = headerWord(last);
+    expectFault(a, "block runs past arenaEnd", [&] { headerWord(last) = saved + 16; },
+                [&] { headerWord(last) = saved; });
+}
+
+TEST(ArenaVerify, NamesCarrierFaults) {
+    SKIP_UNDER_POISON();
+    Arena a;
+    void* carrier = blockHolding(a.arena, a.small);
+    ASSERT_NE(carrier, nullptr);
+    ASSERT_NE(carrier, a.small);
+    unsigned int saved = headerWord(carrier);
+    ASSERT_EQ(saved & 1u, 1u) << "a carrier is a busy block";
+    expectFault(a, "carrier with a colour", [&] { headerWord(carrier) = saved | (1u << 26); },
+                [&] { headerWord(carrier) = saved; });
+    // The carrier's small size sits at H + 12, beside a flag in the top bit.
+    unsigned int& info = *reinterpret_cast<unsigned int*>(static_cast<char*>(carrier) + 8);
+    unsigned int savedInfo = info;
+    ASSERT_EQ(savedInfo & 0x7FFFFFFFu, 32u);
+    expectFault(a, "carrier small size", [&] { info = (savedInfo & 0x80000000u) | 48u; },
+                [&] { info = savedInfo; });
+}
+
+TEST(ArenaVerify, NamesSmallBlockFaults) {
+    SKIP_UNDER_POISON();
+    Arena a;
+    unsigned int saved = headerWord(a.small);
+    ASSERT_EQ(saved & 0x03FFFFFCu, 32u);
+    expectFault(a, "small block size word", [&] { headerWord(a.small) = (saved & ~0x03FFFFFCu) | 64u; },
+                [&] { headerWord(a.small) = saved; });
+    a.arena.free(a.small);
+    ASSERT_EQ(a.arena.verify(), nullptr);
+    // A free 32-byte block keeps its colour in its last word.
+    unsigned int& colour = *reinterpret_cast<unsigned int*>(static_cast<char*>(a.small) + 24);
+    ASSERT_EQ(colour, 2u);
+    expectFault(a, "free small block colour word", [&] { colour = 200; }, [&] { colour = 2; });
+}
+
+TEST(ArenaVerify, NamesBridgeFaults) {
+    SKIP_UNDER_POISON();
+    Arena a;
+    a.source.leaveGap(1ul << 16);
+    void* far = a.arena.alloc(1100000, 1);  // more than the first region holds
+    ASSERT_NE(far, nullptr);
+    void* bridge = nullptr;
+    for (void* b = a.arena.firstBlock(); b; b = a.arena.nextBlock(b))
+        if ((headerWord(b) & 3u) == 3u) bridge = b;
+    ASSERT_NE(bridge, nullptr);
+    unsigned int saved = headerWord(bridge);
+    unsigned long step = saved - 3;
+    ASSERT_EQ(step, (1ul << 16) + 16);
+    expectFault(a, "bridge without its busy bit", [&] { headerWord(bridge) = saved & ~1u; },
+                [&] { headerWord(bridge) = saved; });
+    expectFault(a, "bridge size out of range", [&] { headerWord(bridge) = 8u | 3u; },
+                [&] { headerWord(bridge) = saved; });
+    unsigned int& tail = *reinterpret_cast<unsigned int*>(static_cast<char*>(bridge) - 4 + step - 4);
+    unsigned int savedTail = tail;
+    ASSERT_EQ(savedTail, static_cast<unsigned int>(step | 1u));
+    expectFault(a, "bridge tail size does not match", [&] { tail = savedTail + 16; }, [&] { tail = savedTail; });
+    a.arena.free(far);
+    EXPECT_EQ(a.arena.verify(), nullptr);
+}
+
+TEST(ArenaVerify, AnEmptyArenaIsSoundAndHasNoBlocks) {
+    zotest::RegionSource source;
+    MemoryAllocator arena(&source);
+    arena.init();
+    EXPECT_EQ(arena.verify(), nullptr);
+    EXPECT_EQ(arena.firstBlock(), nullptr);
+    EXPECT_EQ(arena.nextBlock(nullptr), nullptr);
+    EXPECT_EQ(MemoryAllocator::busy(nullptr), 0u);
+    EXPECT_EQ(arena.checkArena(), 0u);
+    EXPECT_EQ(arena.carrierCandidate(32), nullptr);
+    EXPECT_EQ(source.requests, 0u) << "init obtains no memory";
+}
+
 // --- the page allocator --------------------------------------------------------
 
 using Inspector = BSDAllocatorInspector;

@@ -19,6 +19,7 @@
 #include "utils/allocator.h"
 #include "utils/log.h"
 #include "utils/result.h"
+#include "utils/string.h"
 
 using Utils::Allocator;
 using Utils::BSDAllocator;
@@ -962,6 +963,29 @@ TEST_F(BSDAllocatorTest, ParentFailureAtInitLogsAndTheNextAllocationRetries) {
     VERIFY(a);
     a.free(p);
     VERIFY(a);
+}
+
+// A parent whose regions turn out smaller than asked: each is given back.
+TEST_F(BSDAllocatorTest, ARegionShorterThanAskedIsGivenBackAndTheRequestFails) {
+    struct ShortParent : TestParent {
+        unsigned long size(void* p) const override { return TestParent::size(p) / 2; }
+    } parent;
+    BSDAllocator a(&parent);
+    a.init();
+    expectOneMessage("parent alloc failed, check limits", true);
+    EXPECT_EQ(parent.frees, 1u);
+    EXPECT_EQ(a.alloc(100, 0), nullptr);
+    expectOneMessage("parent alloc failed, check limits", true);
+    EXPECT_EQ(parent.frees, 2u);
+    EXPECT_EQ(a.allocatedMemory(), 0u);
+    EXPECT_EQ(a.internalFree(), 0u);
+    VERIFY(a);
+    // Nothing kept: the report walks no region and no block.
+    Utils::String text;
+    Utils::writeMemoryReport(&a, text);
+    std::string report = text.text();
+    EXPECT_NE(report.find("regions        0 (0 bytes from the parent)"), std::string::npos) << report;
+    EXPECT_NE(report.find("blocks         0 busy, 0 free"), std::string::npos) << report;
 }
 
 TEST_F(BSDAllocatorTest, UnalignedParentAtInitIsLoggedAndOnlyWholePagesAreUsed) {

@@ -2,6 +2,7 @@
 // configuration and the clock.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -231,6 +232,14 @@ TEST_P(Locks, UnknownHandleIsRefused) {
     EXPECT_NE(k.enter(0), 0);
 }
 
+TEST_P(Locks, ExitOfAnUnknownHandleIsRefused) {
+    LockKind k = GetParam();
+    ZoIF_Handle h = k.create();
+    EXPECT_EQ(k.destroy(h), 0);
+    EXPECT_NE(k.exit(h), 0);
+    EXPECT_EQ(k.exit(0), EINVAL);
+}
+
 TEST_P(Locks, OnlyTheHolderExitsAndNestedEntriesCountAcrossContention) {
     LockKind k = GetParam();
     ZoIF_Handle h = k.create();
@@ -430,6 +439,14 @@ TEST_P(Events, NegativeOrZeroTimeoutPolls) {
     k.destroy(e);
 }
 
+TEST_P(Events, AVastTimeoutOnASignalledEventTakesItAtOnce) {
+    EventKind k = GetParam();
+    ZoIF_Handle e = k.create(0, 1);
+    EXPECT_EQ(k.waitTimed(e, 1e12), 1);  // far beyond any time_t deadline: clamped, not overflowed
+    EXPECT_EQ(k.waitTimed(e, 0.0), 0) << "the auto-reset signal was consumed";
+    k.destroy(e);
+}
+
 TEST_P(Events, ResetClearsAPendingSignal) {
     EventKind k = GetParam();
     ZoIF_Handle e = k.create(0, 1);
@@ -471,6 +488,16 @@ TEST_P(Events, DestroyedHandleIsRefused) {
     EXPECT_NE(k.set(e), 0);
     EXPECT_NE(k.destroy(e), 0);
     EXPECT_EQ(k.waitTimed(e, 0.0), 0);
+}
+
+TEST_P(Events, ResetAndUntimedWaitRefuseAnUnknownHandleWithoutBlocking) {
+    EventKind k = GetParam();
+    ZoIF_Handle e = k.create(0, 0);
+    EXPECT_EQ(k.destroy(e), 0);
+    EXPECT_NE(k.reset(e), 0);
+    EXPECT_NE(k.wait(e), 0);
+    EXPECT_EQ(k.reset(0), EINVAL);
+    EXPECT_EQ(k.wait(0), EINVAL);
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, Events,
@@ -1039,6 +1066,60 @@ TEST_F(Config, BadArgumentsAreRefused) {
     setenv("ZOTEST_TEXT", "", 1);
     EXPECT_NE(ZoIF_GetConfigString("ZoTest.Text", buf, 0), 0);
     EXPECT_NE(ZoIF_GetConfigString("ZoTest.Text", nullptr, 4), 0);
+}
+
+TEST_F(Config, StringLookupRefusesAMissingKey) {
+    char buf[8] = "keep";
+    setenv("ZOTEST_TEXT", "x", 1);
+    EXPECT_EQ(ZoIF_GetConfigString(nullptr, buf, sizeof buf), EINVAL);
+    EXPECT_EQ(ZoIF_GetConfigString("", buf, sizeof buf), EINVAL);
+    EXPECT_STREQ(buf, "keep");
+    EXPECT_EQ(ZoIF_GetConfigString("ZoTest.Text", buf, sizeof buf), 0);
+    EXPECT_STREQ(buf, "x");
+}
+
+TEST_F(Config, EmptyHomeMeansNoUserFile) {
+    unsetenv("XDG_CONFIG_HOME");
+    std::string oldHome = std::getenv("HOME") ? std::getenv("HOME") : "";
+    setenv("HOME", "", 1);
+    writeFile(systemFile(1), "ZoTest.Value = 31\n");
+    int v = 0;
+    int rc = ZoIF_GetConfigNumber("ZoTest.Value", &v);
+    setenv("HOME", oldHome.c_str(), 1);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(v, 31) << "the system files are still read";
+}
+
+TEST_F(Config, EmptySystemDirectoryListMeansTheDefaultOnly) {
+    writeFile(systemFile(1), "ZoTest.Value = 41\n");
+    setenv("XDG_CONFIG_DIRS", "", 1);
+    setenv("ZOSYS_CONFIG_DEBUG", "1", 1);
+    testing::internal::CaptureStderr();
+    int v = 0;
+    int rc = ZoIF_GetConfigNumber("ZoTest.Value", &v);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(rc, 0) << "the test's system directories are not in the default list";
+    EXPECT_EQ(v, 0);
+    EXPECT_NE(err.find("/etc/xdg/zoutils/zoutils.conf"), std::string::npos) << err;
+}
+
+// A diagnostic about a value too long for one message line is cut, and stays one
+// whole line.
+TEST_F(Config, AnOverlongMalformedValueIsReportedOnOneCutLine) {
+    std::string value(5000, 'q');
+    setenv("ZOTEST_VALUE", value.c_str(), 1);
+    testing::internal::CaptureStderr();
+    int v = 7;
+    int rc = ZoIF_GetConfigNumber("ZoTest.Value", &v);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(rc, 0);
+    EXPECT_EQ(v, 7);
+    ASSERT_FALSE(err.empty());
+    EXPECT_EQ(err.rfind("zosys: config:", 0), 0u) << err.substr(0, 80);
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1);
+    EXPECT_EQ(err.back(), '\n');
+    EXPECT_LT(err.size(), value.size());
+    EXPECT_GT(err.size(), 1000u) << "cut near the line buffer's end, not emptied";
 }
 
 TEST_F(Config, EveryBlankCountsAroundKeysAndValues) {
