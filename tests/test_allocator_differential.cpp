@@ -210,7 +210,11 @@ private:
             // Allocations and frees balance around half the live limit.
             if (live.empty() || below(liveLimit()) >= live.size()) {
                 bool explicitColor = below(2) == 0;
-                return allocOne(randomSize(), explicitColor, explicitColor ? randomColor() : 0, "alloc");
+                // Drawn one by one: argument evaluation order differs between
+                // compilers, and the stream must be the same under each.
+                unsigned int c = explicitColor ? randomColor() : 0;
+                unsigned long size = randomSize();
+                return allocOne(size, explicitColor, c, "alloc");
             }
             return freeAt(below(live.size()), "free");
         }
