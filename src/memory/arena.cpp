@@ -287,8 +287,14 @@ struct Scratch {
 }  // namespace
 
 // The steps of one allocation or release, inlined into their callers: each is
-// small, and the calls cost as much as the work.
+// small, and the calls cost as much as the work. A coverage build keeps them as
+// ordinary functions, so that each decision is counted once and not once per
+// inlined copy.
+#if defined(ZOUTILS_COVERAGE)
+#define ZO_STEP inline
+#else
 #define ZO_STEP inline __attribute__((always_inline))
+#endif
 
 #define H(x) reinterpret_cast<Head*>(x)
 #define MH(x) reinterpret_cast<MemHead*>(x)
