@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <functional>
+#include <vector>
 
 #include "knobs.h"
 #include "strings/string_testing.h"
@@ -102,6 +104,77 @@ public:
 private:
     Allocator* previous;
 };
+
+// The process allocator as it behaves when memory runs out at a chosen block: the
+// failAt-th allocation (counted from 1 since the last arm()) raises the out-of-memory
+// code through raiseError and gives null, as the host allocator does; every call is
+// otherwise passed to the process allocator.
+class ExhaustedAt : public Allocator {
+public:
+    using Allocator::alloc;
+    void arm(unsigned long n) {
+        failAt = n;
+        calls = 0;
+    }
+    void* alloc(unsigned long n) override { return step() ? Allocator::theAllocator()->alloc(n) : nullptr; }
+    void* alloc(unsigned long n, unsigned int c) override {
+        return step() ? Allocator::theAllocator()->alloc(n, c) : nullptr;
+    }
+    void free(void* p) override { Allocator::theAllocator()->free(p); }
+    unsigned long size(void* p) const override { return Allocator::theAllocator()->size(p); }
+    unsigned int color(void* p) const override { return Allocator::theAllocator()->color(p); }
+    unsigned long allocatedMemory() const override { return 0; }
+    unsigned long internalFree() const override { return 0; }
+
+private:
+    unsigned long failAt = 0;
+    unsigned long calls = 0;
+    bool step() {
+        if (++calls != failAt) return true;
+        Utils::raiseError(Utils::kResultOutOfMemory);
+        return false;
+    }
+};
+
+// What the listener below throws.
+struct OutOfMemoryThrown {};
+
+// An application's listener that turns the out-of-memory code into an exception.
+class ThrowOnOutOfMemory : public Utils::ResultListener {
+public:
+    void resultRaised(unsigned int code) const override {
+        if (code == Utils::kResultOutOfMemory) throw OutOfMemoryThrown();
+    }
+};
+
+// While it lives: string buffers come from `exhausted`, and the listener is
+// registered. The tables a raise makes on first use (this thread's error entry, the
+// log category, the listener list) are made at once, so that a test's count of the
+// process allocator sees only its strings.
+class ThrowingExhaustion {
+public:
+    ThrowingExhaustion() : route(&exhausted) {
+        Utils::addResultListener(&listener);
+        try {
+            Utils::raiseError(Utils::kResultOutOfMemory);
+        } catch (OutOfMemoryThrown const&) {
+        }
+        Utils::clearError();
+    }
+    ~ThrowingExhaustion() {
+        Utils::removeResultListener(&listener);
+        Utils::clearError();
+    }
+    ThrowingExhaustion(ThrowingExhaustion const&) = delete;
+    ThrowingExhaustion& operator=(ThrowingExhaustion const&) = delete;
+    ExhaustedAt exhausted;
+
+private:
+    RouteBuffers route;
+    ThrowOnOutOfMemory listener;
+};
+
+unsigned long inUse() { return Allocator::theAllocator()->allocatedMemory(); }
 
 }  // namespace
 
@@ -632,4 +705,85 @@ TEST(StringNoMemory, EditsFromTheOwnTextWithoutScratchMemoryChangeNothing) {
     }
     r.substitute(r.data + 3, "X");
     EXPECT_EQ(str(r), "X.X");
+}
+
+// ===========================================================================
+// Exhaustion with a listener that throws: the exception reaches the caller, and
+// the strings and the memory are as they were
+// ===========================================================================
+
+// Runs `op` with the n-th string buffer from now failing; true when the listener's
+// exception came out of it.
+template <class Op>
+bool throwsAt(ThrowingExhaustion& ex, unsigned long n, Op op) {
+    ex.exhausted.arm(n);
+    bool threw = false;
+    try {
+        op();
+    } catch (OutOfMemoryThrown const&) {
+        threw = true;
+    }
+    ex.exhausted.arm(0);
+    return threw;
+}
+
+TEST(StringThrowingListener, CopyingConstructorsLoseNothing) {
+    ThrowingExhaustion ex;
+    String b("a source long enough for a buffer of its own");
+    SubString v = b(2, 20);
+    unsigned long before = inUse();
+    EXPECT_TRUE(throwsAt(ex, 1, [] { String s("abcdef", 6); }));
+    EXPECT_TRUE(throwsAt(ex, 1, [&] { String s(v); }));
+    EXPECT_TRUE(throwsAt(ex, 1, [&] { String s(b, 5); }));
+    EXPECT_EQ(inUse(), before);
+    EXPECT_EQ(b.representation()->refs, 2u);  // b and the view
+    EXPECT_EQ(str(b), "a source long enough for a buffer of its own");
+    EXPECT_FALSE(throwsAt(ex, 2, [&] { EXPECT_EQ(str(String(b, 5)), "a sou"); }));
+}
+
+TEST(StringThrowingListener, ConcatenationsLeaveTheirOperandsAndLoseNothing) {
+    ThrowingExhaustion ex;
+    String a("left");
+    String b(" and a right side long enough to grow");
+    unsigned long before = inUse();
+    EXPECT_TRUE(throwsAt(ex, 1, [&] { String s = a + b; }));  // the copy of a, made private
+    EXPECT_TRUE(throwsAt(ex, 1, [&] { String s = a + " and a text long enough to grow"; }));
+    EXPECT_TRUE(throwsAt(ex, 2, [&] { String s = "left" + b; }));  // the growth after "left"
+    EXPECT_EQ(inUse(), before);
+    EXPECT_EQ(str(a), "left");
+    EXPECT_EQ(a.representation()->refs, 1u);
+    EXPECT_EQ(b.representation()->refs, 1u);
+}
+
+TEST(StringThrowingListener, GrowingAppendsLeaveTheStringAsItWas) {
+    ThrowingExhaustion ex;
+    String s("0123456789abcde");  // 15 characters: every append below needs a new buffer
+    unsigned int capacity = s.representation()->capacity;
+    String none;
+    unsigned long before = inUse();
+    EXPECT_TRUE(throwsAt(ex, 1, [&] { s += -5L; }));
+    EXPECT_TRUE(throwsAt(ex, 1, [&] { s += 5UL; }));
+    EXPECT_TRUE(throwsAt(ex, 1, [&] { s.append(s.text() + 2, 6); }));
+    EXPECT_TRUE(throwsAt(ex, 1, [&] { s += s; }));
+    EXPECT_TRUE(throwsAt(ex, 1, [&] { s.insert(s.text(), 8, 0, 2); }));
+    EXPECT_TRUE(throwsAt(ex, 1, [&] { none.append("abc", 3); }));
+    EXPECT_EQ(inUse(), before);
+    EXPECT_EQ(str(s), "0123456789abcde");
+    EXPECT_EQ(s.representation()->capacity, capacity);
+    EXPECT_EQ(s.representation()->verify(), nullptr);
+    EXPECT_TRUE(none.isNull());
+}
+
+TEST(StringThrowingListener, ReverseAndSubstitutionOfTheOwnTextLoseNothing) {
+    ThrowingExhaustion ex;
+    String src("abcdef");
+    StringRep r("ab.ab", 5);
+    unsigned long before = inUse();
+    EXPECT_TRUE(throwsAt(ex, 1, [&] { String back = src.reverse(); }));
+    // The pattern lies in the text, so pattern and replacement are copied aside first.
+    EXPECT_TRUE(throwsAt(ex, 1, [&] { r.substitute(r.data + 3, "a replacement that needs more room"); }));
+    EXPECT_EQ(inUse(), before);
+    EXPECT_EQ(str(src), "abcdef");
+    EXPECT_EQ(str(r), "ab.ab");
+    EXPECT_EQ(r.verify(), nullptr);
 }
