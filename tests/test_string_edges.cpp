@@ -556,7 +556,7 @@ TEST(StringNoBuffer, AppendingTheOwnTextWithoutABiggerBufferChangesNothing) {
 // Exhaustion: operator new (ZOIF_FAULT_PROCESS); only where operator new is ours
 // ===========================================================================
 
-TEST(StringNoMemory, ConstructorsWithoutARepresentationGiveNullStrings) {
+TEST(StringNewFails, ConstructorsWithoutARepresentationGiveNullStrings) {
     if (char const* why = zotest::foreignOperatorNew()) GTEST_SKIP() << why;
     QuietOutOfMemory quiet;
     String src("abcdef");
@@ -581,7 +581,7 @@ TEST(StringNoMemory, ConstructorsWithoutARepresentationGiveNullStrings) {
     EXPECT_EQ(src.representation()->refs, 1u);
 }
 
-TEST(StringNoMemory, ViewsWithoutARepresentation) {
+TEST(StringNewFails, ViewsWithoutARepresentation) {
     if (char const* why = zotest::foreignOperatorNew()) GTEST_SKIP() << why;
     QuietOutOfMemory quiet;
     String src("abcdef");
@@ -612,7 +612,7 @@ TEST(StringNoMemory, ViewsWithoutARepresentation) {
     EXPECT_EQ(other.representation()->refs, 1u);
 }
 
-TEST(StringNoMemory, ClearingASharedTextWithoutMemoryLeavesItShared) {
+TEST(StringNewFails, ClearingASharedTextWithoutMemoryLeavesItShared) {
     if (char const* why = zotest::foreignOperatorNew()) GTEST_SKIP() << why;
     QuietOutOfMemory quiet;
     String s("shared text");
@@ -627,7 +627,7 @@ TEST(StringNoMemory, ClearingASharedTextWithoutMemoryLeavesItShared) {
     EXPECT_EQ(s.representation()->refs, 2u);
 }
 
-TEST(StringNoMemory, DonatingASharedTextWithoutARepresentationForTheCopyHandsNothingOver) {
+TEST(StringNewFails, DonatingASharedTextWithoutARepresentationForTheCopyHandsNothingOver) {
     if (char const* why = zotest::foreignOperatorNew()) GTEST_SKIP() << why;
     QuietOutOfMemory quiet;
     String s("a text to hand over");
@@ -643,7 +643,7 @@ TEST(StringNoMemory, DonatingASharedTextWithoutARepresentationForTheCopyHandsNot
     EXPECT_EQ(s.representation()->refs, 2u);
 }
 
-TEST(StringNoMemory, ConsumeWithoutARepresentationLeavesTheBlockWithTheCaller) {
+TEST(StringNewFails, ConsumeWithoutARepresentationLeavesTheBlockWithTheCaller) {
     if (char const* why = zotest::foreignOperatorNew()) GTEST_SKIP() << why;
     QuietOutOfMemory quiet;
     String s("old text");
@@ -661,7 +661,7 @@ TEST(StringNoMemory, ConsumeWithoutARepresentationLeavesTheBlockWithTheCaller) {
     EXPECT_EQ(s.text(), block);
 }
 
-TEST(StringNoMemory, ReverseAndSubstituteWithoutARepresentationGiveNull) {
+TEST(StringNewFails, ReverseAndSubstituteWithoutARepresentationGiveNull) {
     if (char const* why = zotest::foreignOperatorNew()) GTEST_SKIP() << why;
     QuietOutOfMemory quiet;
     String src("abcdef");
@@ -677,7 +677,7 @@ TEST(StringNoMemory, ReverseAndSubstituteWithoutARepresentationGiveNull) {
     EXPECT_EQ(str(src), "abcdef");
 }
 
-TEST(StringNoMemory, EditsFromTheOwnTextWithoutScratchMemoryChangeNothing) {
+TEST(StringNewFails, EditsFromTheOwnTextWithoutScratchMemoryChangeNothing) {
     if (char const* why = zotest::foreignOperatorNew()) GTEST_SKIP() << why;
     QuietOutOfMemory quiet;
     String s("0123456789");
