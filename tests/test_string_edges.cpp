@@ -7,11 +7,7 @@
 
 #include <climits>
 #include <cstring>
-#include <stdexcept>
 #include <string>
-#include <thread>
-#include <functional>
-#include <vector>
 
 #include "knobs.h"
 #include "strings/string_testing.h"
