@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "knobs.h"
 #include "strings/string_testing.h"
@@ -782,4 +783,59 @@ TEST(StringThrowingListener, ReverseAndSubstitutionOfTheOwnTextLoseNothing) {
     EXPECT_EQ(str(src), "abcdef");
     EXPECT_EQ(str(r), "ab.ab");
     EXPECT_EQ(r.verify(), nullptr);
+}
+
+TEST(StringThrowingListener, ConstructorsThatFillAFreshRepresentationLoseNothing) {
+    ThrowingExhaustion ex;
+    String text("a text long enough for a buffer of its own");
+    unsigned long before = inUse();
+    EXPECT_TRUE(throwsAt(ex, 1, [] { String s("a text that needs a buffer"); }));
+    EXPECT_TRUE(throwsAt(ex, 1, [] { String s('x'); }));
+    EXPECT_TRUE(throwsAt(ex, 1, [] { String s('x', 40); }));
+    // Without a match the result is a copy of the text, made the same way.
+    EXPECT_TRUE(throwsAt(ex, 1, [&] { String s = text.substitute("no such part", "y"); }));
+    EXPECT_EQ(inUse(), before);
+    EXPECT_EQ(str(text), "a text long enough for a buffer of its own");
+    EXPECT_FALSE(throwsAt(ex, 2, [] { EXPECT_EQ(str(String('x', 3)), "xxx"); }));
+}
+
+TEST(StringThrowingListener, TheNextExhaustionOfTheThreadIsRaisedAgain) {
+    if (char const* why = zotest::foreignOperatorNew()) GTEST_SKIP() << why;
+    ThrowingExhaustion ex;
+    for (int round = 0; round < 2; ++round) {
+        Utils::clearError();
+        ZoIF_TestFaultArm(ZOIF_FAULT_PROCESS, 1, 0);
+        bool threw = false;
+        try {
+            Allocator::theAllocator()->alloc(64);
+        } catch (OutOfMemoryThrown const&) {
+            threw = true;
+        }
+        ZoIF_TestFaultDisarm();
+        EXPECT_TRUE(threw) << "round " << round;
+        EXPECT_EQ(Utils::lastError(), Utils::kResultOutOfMemory) << "round " << round;
+    }
+}
+
+TEST(StringThrowingListener, AnExhaustedArenaOfManyThreadsThrowsOnlyAfterReleasingItsLock) {
+    if (char const* why = zotest::foreignOperatorNew()) GTEST_SKIP() << why;
+    std::thread([] { delete new int(1); }).join();  // the process leaves the lone thread's path
+    ThrowingExhaustion ex;
+    ZoIF_TestFaultArm(ZOIF_FAULT_REGION, 1, 1);
+    bool threw = false;
+    try {
+        // Larger than any free block: the arena asks the system layer, which refuses.
+        Allocator::theAllocator()->alloc(60ul << 20);
+    } catch (OutOfMemoryThrown const&) {
+        threw = true;
+    }
+    ZoIF_TestFaultDisarm();
+    EXPECT_TRUE(threw);
+    // Every arena lock is free again: another thread allocates and releases.
+    void* other = nullptr;
+    std::thread([&] {
+        other = Allocator::theAllocator()->alloc(100);
+        Allocator::theAllocator()->free(other);
+    }).join();
+    EXPECT_NE(other, nullptr);
 }

@@ -24,9 +24,13 @@ LoggingError::~LoggingError() { tLoggingError = false; }
 
 void raiseOutOfMemory() {
     if (tRaisingOutOfMemory) return;  // exhausted again while raising: once is enough
-    tRaisingOutOfMemory = true;
+    // Cleared however the raise ends: a listener's exception passes through, and
+    // the thread's next exhaustion must still be raised.
+    struct Raising {
+        Raising() { tRaisingOutOfMemory = true; }
+        ~Raising() { tRaisingOutOfMemory = false; }
+    } raising;
     raiseError(kResultOutOfMemory);
-    tRaisingOutOfMemory = false;
 }
 
 }  // namespace detail

@@ -83,9 +83,11 @@ ProcessLock gLocks[kArenas];
 
 // Marks the calling thread as inside the allocator; the out-of-memory raise that
 // the host deferred runs when the outermost call leaves.
+// The raise may throw (a listener's exception passes through raiseError); by then
+// every lock of the operation has been released.
 struct Inside {
     Inside() { ++tInside; }
-    ~Inside() {
+    ~Inside() noexcept(false) {
         if (--tInside == 0 && __builtin_expect(tPendingOutOfMemory, 0)) {
             tPendingOutOfMemory = false;
             raiseOutOfMemory();

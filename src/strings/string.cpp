@@ -34,6 +34,29 @@ StringRep* newRep() {
     return r;
 }
 
+// A new string's representation while its constructor fills it. Filling may raise
+// 0x80000002, and a listener's exception passes through raiseError: the
+// representation is then released here instead of being lost with the
+// half-built string.
+class FreshRep {
+public:
+    FreshRep() : r(newRep()) {}
+    ~FreshRep() { delete r; }
+    FreshRep(FreshRep const&) = delete;
+    FreshRep& operator=(FreshRep const&) = delete;
+    StringRep* operator->() const { return r; }
+    StringRep& operator*() const { return *r; }
+    explicit operator bool() const { return r != nullptr; }
+    StringRep* release() {
+        StringRep* kept = r;
+        r = nullptr;
+        return kept;
+    }
+
+private:
+    StringRep* r;
+};
+
 }  // namespace
 
 bool String::makeOwn(bool create) {
@@ -66,16 +89,20 @@ inline bool String::appendInPlace(char const* s, unsigned long n) {
     return true;
 }
 
-String::String(char const* s) : rep(newRep()) {
-    if (!rep || !s || !*s) return;
-    unsigned long n = std::strlen(s);
-    if (n > maxLength || !rep->resizeFor(n)) return;
-    std::memcpy(rep->data, s, n + 1);
-    rep->length = static_cast<unsigned int>(n);
+String::String(char const* s) : rep(nullptr) {
+    FreshRep fresh;
+    unsigned long n = s ? std::strlen(s) : 0;
+    if (fresh && n && n <= maxLength && fresh->resizeFor(n)) {
+        std::memcpy(fresh->data, s, n + 1);
+        fresh->length = static_cast<unsigned int>(n);
+    }
+    rep = fresh.release();
 }
 
-String::String(char c) : rep(newRep()) {
-    if (rep) *rep = c;
+String::String(char c) : rep(nullptr) {
+    FreshRep fresh;
+    if (fresh) *fresh = c;
+    rep = fresh.release();
 }
 
 String::String(SubString const& v) : rep(nullptr) {
@@ -97,11 +124,14 @@ String::String(char const* s, unsigned long n) : rep(new (std::nothrow) StringRe
     if (rep) rep->refs = 1;
 }
 
-String::String(char c, unsigned long n) : rep(newRep()) {
-    if (!rep || n == 0 || n > maxLength || !rep->resizeFor(n)) return;
-    std::memset(rep->data, c, n);
-    rep->data[n] = 0;
-    rep->length = static_cast<unsigned int>(n);
+String::String(char c, unsigned long n) : rep(nullptr) {
+    FreshRep fresh;
+    if (fresh && n && n <= maxLength && fresh->resizeFor(n)) {
+        std::memset(fresh->data, c, n);
+        fresh->data[n] = 0;
+        fresh->length = static_cast<unsigned int>(n);
+    }
+    rep = fresh.release();
 }
 
 void String::purge() {
