@@ -229,6 +229,25 @@ TEST_F(PageEdges, TheParentFaultSeamFailsInitAndLaterRegionsWithoutAskingThePare
     a.free(p);
 }
 
+TEST_F(PageEdges, ARecordPageRefusedAtInitLeavesTheDirectoryAloneWithItsEarlyCount) {
+    // The first region is exactly the directory's page; the parent refuses the next.
+    zotest::RegionSource source{kPage, 1ul << 24};
+    BSDAllocator a(&source);
+    ZoIF_TestFaultArm(ZOIF_FAULT_PARENT, 2, 0);
+    a.init();
+    ZoIF_TestFaultDisarm();
+    EXPECT_EQ(ZoIF_TestFaultHits(), 1u);
+    EXPECT_EQ(capture.take(), std::vector<std::string>{"Failed to map new pages: Out of Memory"});
+    ASSERT_NE(Inspect::directory(a), nullptr);
+    EXPECT_EQ(Inspect::lastIndex(a), 0u);
+    EXPECT_FALSE(Inspect::hasSpareRun(a));
+    // The record page was counted before it was asked for, and stays counted: the
+    // directory is the one page there is, the counters say two.
+    EXPECT_EQ(a.allocatedMemory(), 2 * kPage);
+    EXPECT_EQ(Inspect::verify(a), "allocatedByColor (0, 8192)");
+    EXPECT_EQ(source.requests, 1u);
+}
+
 TEST_F(PageEdges, AParentThatKeepsMovingItsRegionsAwayIsGivenUpOnAfterFourRegions) {
     ScriptedParent parent;
     if (!parent.base) GTEST_SKIP() << "no memory for the parent";
