@@ -202,6 +202,15 @@ TEST(ArenaIndexVerify, NamesAHeapRootWithAParent) {
     expectFieldFault(l, "heap root with a parent or a sibling", l.arena.bins[13], Probe::heap(l.a[5]));
 }
 
+TEST(ArenaIndexVerify, NamesAHeapRootWithASibling) {
+    Layout l;
+    expectLayout(l);
+    // a[0] released too: the unfiled list is a[0], a[7], and its head has a next.
+    l.arena.free(l.a[0]);
+    ASSERT_EQ(l.arena.unfiled, Probe::heap(l.a[0]));
+    expectFieldFault(l, "heap root with a parent or a sibling", l.arena.bins[13], Probe::heap(l.a[0]));
+}
+
 TEST(ArenaIndexVerify, NamesAHeapThatMissesAFreeBlock) {
     Layout l;
     expectLayout(l);
@@ -629,6 +638,45 @@ TEST(ArenaCensus, CarriersCountTheirSmallBlocksAndLargeFreeBlocksHaveAClass) {
     EXPECT_EQ(arena.verify(), nullptr);
 }
 
+// A census stops at a block of size 0 (verify says where the damage is) and
+// counts no small blocks in a carrier whose small size is 0.
+TEST(ArenaCensus, StopsAtAZeroSizeAndSkipsACarrierWithoutASmallSize) {
+    SKIP_UNDER_POISON();
+    zotest::RegionSource source{1ul << 20, 1ul << 28};
+    MemoryAllocator arena(&source);
+    arena.init();
+    void* p = arena.alloc(200, 1);
+    void* q = arena.alloc(200, 1);
+    ASSERT_EQ(Probe::at(q), Probe::at(p) + 208);
+    unsigned int saved = headerWord(q);
+    headerWord(q) = 0;
+    std::string report = reportOf(&arena);
+    char const* found = arena.verify();
+    headerWord(q) = saved;
+    EXPECT_NE(report.find("  regions        1 (224 bytes from the parent)\n"), std::string::npos) << report;
+    EXPECT_NE(report.find("  blocks         1 busy, 0 free\n"), std::string::npos) << report;
+    EXPECT_STREQ(found, "ordinary block size out of range");
+    EXPECT_EQ(arena.verify(), nullptr);
+
+    void* s = arena.alloc(20, 1);  // a carrier cut from the free rest
+    ASSERT_NE(s, nullptr);
+    char* carrier = nullptr;
+    for (void* b = arena.firstBlock(); b; b = arena.nextBlock(b))
+        if (Probe::at(s) > Probe::at(b) && Probe::at(s) < Probe::at(b) + 10240) carrier = Probe::at(b);
+    ASSERT_NE(carrier, nullptr);
+    unsigned int& info = *reinterpret_cast<unsigned int*>(carrier + 8);
+    unsigned int savedInfo = info;
+    ASSERT_EQ(savedInfo, 32u);
+    info = 0;
+    report = reportOf(&arena);
+    found = arena.verify();
+    info = savedInfo;
+    // p, q and the region's rest; the carrier itself is never counted as a block.
+    EXPECT_NE(report.find("  blocks         2 busy, 1 free\n"), std::string::npos) << report;
+    EXPECT_STREQ(found, "carrier small size");
+    EXPECT_EQ(arena.verify(), nullptr);
+}
+
 // --- scratch memory for the verifier ---------------------------------------------------
 
 // Run in a child whose address space is capped at what it already uses: the
@@ -675,6 +723,8 @@ TEST(ArenaIndexVerify, SaysWhenItCannotMapScratchMemory) {
     EXPECT_EQ(verifyUnderCap(l, 0, "verify could not map scratch memory"), 0);
     // Room for the carriers' page only: the address heaps' pages fail.
     EXPECT_EQ(verifyUnderCap(l, 4096, "verify could not map scratch memory"), 0);
+    // Room for the carriers' page and the heaps' seen list: their stack fails.
+    EXPECT_EQ(verifyUnderCap(l, 8192, "verify could not map scratch memory"), 0);
     EXPECT_EQ(l.arena.verify(), nullptr);
 }
 
