@@ -100,10 +100,20 @@ TEST(ProcessAllocatorEdges, ThreadsBeyondTheLastArenaShareOne) {
         if (a->allocatedColorMemory(7) != 0) return 4;
         if (static_cast<MemoryAllocator*>(a)->verify() != nullptr) return 5;
         if (a->allocatedMemory() != before) return 6;
-        return 0;
+        // Every shard is free again: a new thread takes the first one, not a new one.
+        bool reused = false;
+        std::thread late([&] {
+            void* p = a->alloc(500, 7);
+            reused = p && a->valid(p) && a->size(p) >= 500;
+            a->free(p);
+        });
+        late.join();
+        if (!reused) return 7;
+        return a->allocatedColorMemory(7) == 0 ? 0 : 8;
     });
     EXPECT_EQ(code, 0) << "1: a block failed, 2: unsound at the peak, 3: the peak missed blocks, "
-                          "4: colour 7 not back to 0, 5: unsound after, 6: total not back";
+                          "4: colour 7 not back to 0, 5: unsound after, 6: total not back, "
+                          "7: a later thread's block failed, 8: its colour count not back";
 }
 
 // The process allocator's verifier reports the first fault of any arena.
