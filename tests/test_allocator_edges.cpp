@@ -19,6 +19,7 @@
 #include "child.h"
 #include "utils/allocator.h"
 #include "utils/result.h"
+#include "zosys.h"
 
 using namespace Utils;
 
@@ -65,6 +66,35 @@ TEST(ProcessAllocatorEdges, PointersOutsideEveryArenaAreNotBlocks) {
         EXPECT_EQ(a->color(p), 0u);
         EXPECT_EQ(a->setColor(p, 5), 0x80000003u);
     }
+}
+
+// Once the process has had a second thread, the system layer's exhaustion is met
+// on the locked path; it is raised as the arena is left, and changes no counter.
+TEST(ProcessAllocatorEdges, ExhaustionOnTheLockedPathRaisesOnLeaving) {
+    Allocator* a = Allocator::theAllocator();
+    std::thread other([a] { a->free(a->alloc(300)); });
+    other.join();
+    a->free(a->alloc(64));
+    auto* arena0 = static_cast<MemoryAllocator*>(a);
+    ASSERT_LT(arena0->MemoryAllocator::internalFree(), 0x3FFFFF0u);  // the request must ask the system layer
+    // A first exhaustion lets the error tables make this thread's entry.
+    ZoIF_TestSetMemLimit(ZoIF_TestMemCommitted());
+    void* warm = a->alloc(0x3FFFFE8);
+    ZoIF_TestSetMemLimit(0);
+    ASSERT_EQ(warm, nullptr);
+    clearError();
+    unsigned long allocated = a->allocatedMemory(), freeBytes = a->internalFree();
+    ZoIF_TestSetMemLimit(ZoIF_TestMemCommitted());
+    void* p = a->alloc(0x3FFFFE8, 3);
+    unsigned int raised = lastError();
+    unsigned long allocatedAfter = a->allocatedMemory(), freeAfter = a->internalFree();
+    ZoIF_TestSetMemLimit(0);
+    EXPECT_EQ(p, nullptr);
+    EXPECT_EQ(raised, 0x80000002u);
+    EXPECT_EQ(allocatedAfter, allocated);
+    EXPECT_EQ(freeAfter, freeBytes);
+    EXPECT_EQ(arena0->verify(), nullptr);
+    clearError();
 }
 
 // More threads at once than there are arenas: once every arena is owned, a new

@@ -638,6 +638,23 @@ TEST(ArenaCensus, CarriersCountTheirSmallBlocksAndLargeFreeBlocksHaveAClass) {
     EXPECT_EQ(arena.verify(), nullptr);
 }
 
+// With a free count damaged below the largest free block, the report does not
+// make up a fragmentation figure.
+TEST(ArenaCensus, ADamagedFreeCountGivesNoFragmentation) {
+    Layout l;
+    expectLayout(l);
+    std::string sound = reportOf(&l.arena);
+    EXPECT_EQ(sound.find("  fragmentation  0.0 %"), std::string::npos) << sound;
+    unsigned long saved = l.arena.freeTotal;
+    l.arena.freeTotal = 16;
+    std::string damaged = reportOf(&l.arena);
+    l.arena.freeTotal = saved;
+    EXPECT_NE(damaged.find("  free           16 bytes\n"), std::string::npos) << damaged;
+    EXPECT_NE(damaged.find("  largest free   20016 bytes\n"), std::string::npos) << damaged;
+    EXPECT_NE(damaged.find("  fragmentation  0.0 %"), std::string::npos) << damaged;
+    EXPECT_EQ(l.arena.verify(), nullptr);
+}
+
 // A census stops at a block of size 0 (verify says where the damage is) and
 // counts no small blocks in a carrier whose small size is 0.
 TEST(ArenaCensus, StopsAtAZeroSizeAndSkipsACarrierWithoutASmallSize) {
