@@ -394,7 +394,7 @@ TEST(ArenaIndexVerify, NamesCarrierChainFaults) {
     expectFieldFault(l, "carrier chain does not end", p.carriers, reinterpret_cast<Probe::HeadPtr>(h));
     // A carrier in the middle of a[0], linked to the real chain: the walk never
     // meets it.
-    char* inside = Probe::at(l.a[0]) + 16;
+    char* inside = Probe::at(l.a[0]) + 12;  // 12 mod 16, like every block header
     char* real = reinterpret_cast<char*>(p.carriers);
     std::memcpy(inside + 4, &real, sizeof real);
     expectFieldFault(l, "a carrier is not a block of the arena", p.carriers, reinterpret_cast<Probe::HeadPtr>(inside));
@@ -481,8 +481,8 @@ struct Bridged {
         first = arena.alloc(200, 1);
         source.leaveGap(1ul << 16);
         far = arena.alloc(1100000, 1);  // more than the first region holds
-        for (void* b = arena.firstBlock(); b; b = arena.nextBlock(b))
-            if ((headerWord(b) & 3u) == 3u) bridge = b;
+        // The first region's last 4 bytes hold the bridge's header.
+        bridge = source.base() + (1ul << 20);
     }
 };
 
@@ -494,6 +494,7 @@ TEST(ArenaIndexVerify, NamesBridgeStepsOutOfRange) {
     ASSERT_EQ(b.arena.verify(), nullptr);
     unsigned int& word = headerWord(b.bridge);
     unsigned int saved = word;
+    ASSERT_EQ(saved, static_cast<unsigned int>((1ul << 16) + 16) | 3u);
     auto expectStep = [&](unsigned int damaged) {
         word = damaged;
         char const* found = b.arena.verify();
@@ -513,6 +514,7 @@ TEST(ArenaWalk, ValidIsFalseForABridgeAndTheWalkStepsOverIt) {
     EXPECT_FALSE(b.arena.valid(b.bridge));
     void* after = b.arena.nextBlock(b.bridge);
     EXPECT_EQ(Probe::at(after), Probe::at(b.bridge) + (1ul << 16) + 16);
+    EXPECT_EQ(after, b.far);
     EXPECT_TRUE(b.arena.valid(b.far));
     EXPECT_TRUE(b.arena.valid(b.first));
 }
