@@ -203,4 +203,46 @@ TEST(SimpleAllocatorEdges, AMallocFailureReturnsNullAndCountsNothing) {
     EXPECT_EQ(code, 0) << "2: no cap, 3: a block despite the cap, 4: counters moved, 5: not back to 0";
 }
 
+// The first shard of a process records its regions in a table whose pages come
+// straight from the kernel. With the address space capped, the table gets no page:
+// the shard does not use the region, and the request gets no block. Once there is
+// room again the same thread's requests work. Run in a fresh process (the table
+// must not have a page yet).
+int firstShardUnderCap() {
+    Allocator* a = Allocator::theAllocator();
+    std::atomic<int> step{0};
+    void* under = nullptr;
+    bool later = false;
+    std::thread t([&] {
+        while (step.load() != 1) std::this_thread::yield();
+        under = a->alloc(300, 2);
+        step = 2;
+        while (step.load() != 3) std::this_thread::yield();
+        void* p = a->alloc(300, 2);
+        later = p && a->valid(p) && a->size(p) >= 300 && a->color(p) == 2;
+        a->free(p);
+        a->free(under);
+    });
+    struct rlimit was;
+    getrlimit(RLIMIT_AS, &was);
+    struct rlimit cap = {mappedBytes(), was.rlim_max};
+    if (cap.rlim_cur == 0 || setrlimit(RLIMIT_AS, &cap) != 0) return 4;
+    step = 1;
+    while (step.load() != 2) std::this_thread::yield();
+    setrlimit(RLIMIT_AS, &was);
+    step = 3;
+    t.join();
+    if (under) return 1;
+    if (!later) return 2;
+    if (a->allocatedColorMemory(2) != 0) return 5;
+    return static_cast<MemoryAllocator*>(a)->verify() == nullptr ? 0 : 3;
+}
+
+TEST(ProcessAllocatorEdgesDeathTest, AShardWithoutPagesForItsRegionTableGetsNoBlockUntilThereIsRoom) {
+    SKIP_UNDER_SANITIZER_RESERVATIONS();
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(zotest::exitChild(firstShardUnderCap()), testing::ExitedWithCode(0), "")
+        << "1: a block under the cap, 2: no block after it, 3: unsound, 4: no cap, 5: colour count not back";
+}
+
 }  // namespace
