@@ -205,17 +205,29 @@ TEST(SimpleAllocatorEdges, AMallocFailureReturnsNullAndCountsNothing) {
 
 // The first shard of a process records its regions in a table whose pages come
 // straight from the kernel. With the address space capped, the table gets no page:
-// the shard does not use the region, and the request gets no block. Once there is
+// the shard does not use the region, and the request gets no block and raises
+// 0x80000002 like any exhaustion. Once there is
 // room again the same thread's requests work. Run in a fresh process (the table
 // must not have a page yet).
+// Keeps the last code raised: the new thread's own error entry cannot be made
+// under the cap.
+struct LastRaised : Utils::ResultListener {
+    mutable std::atomic<unsigned int> code{0};
+    void resultRaised(unsigned int c) const override { code.store(c); }
+};
+
 int firstShardUnderCap() {
     Allocator* a = Allocator::theAllocator();
+    LastRaised seen;
+    Utils::addResultListener(&seen);
     std::atomic<int> step{0};
     void* under = nullptr;
+    bool raised = false;
     bool later = false;
     std::thread t([&] {
         while (step.load() != 1) std::this_thread::yield();
         under = a->alloc(300, 2);
+        raised = seen.code.load() == Utils::kResultOutOfMemory;
         step = 2;
         while (step.load() != 3) std::this_thread::yield();
         void* p = a->alloc(300, 2);
@@ -232,7 +244,9 @@ int firstShardUnderCap() {
     setrlimit(RLIMIT_AS, &was);
     step = 3;
     t.join();
+    Utils::removeResultListener(&seen);
     if (under) return 1;
+    if (!raised) return 6;
     if (!later) return 2;
     if (a->allocatedColorMemory(2) != 0) return 5;
     return static_cast<MemoryAllocator*>(a)->verify() == nullptr ? 0 : 3;
@@ -242,7 +256,8 @@ TEST(ProcessAllocatorEdgesDeathTest, AShardWithoutPagesForItsRegionTableGetsNoBl
     SKIP_UNDER_SANITIZER_RESERVATIONS();
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(zotest::exitChild(firstShardUnderCap()), testing::ExitedWithCode(0), "")
-        << "1: a block under the cap, 2: no block after it, 3: unsound, 4: no cap, 5: colour count not back";
+        << "1: a block under the cap, 2: no block after it, 3: unsound, 4: no cap, 5: colour count not back, "
+           "6: no 0x80000002 raised";
 }
 
 }  // namespace

@@ -179,13 +179,27 @@ public:
     using HostAllocator::alloc;
 };
 
+// Exhaustion found by a parent: raised at once outside the process allocator,
+// when it is left otherwise.
+void exhausted() {
+    if (tInside)
+        tPendingOutOfMemory = true;
+    else
+        raiseOutOfMemory();
+}
+
 // A shard's parent: the system layer, like the host, with its regions recorded.
 class ShardHost final : public HostAllocator {
 public:
     explicit ShardHost(unsigned int arenaIndex) : index(arenaIndex) {}
     void* alloc(unsigned long size) override {
         void* region = HostAllocator::alloc(size);
-        if (region && !recordRegion(region, HostAllocator::size(region), index)) return nullptr;
+        if (region && !recordRegion(region, HostAllocator::size(region), index)) {
+            // Without its table entry the region's blocks would be taken for arena
+            // 0's: it stays unused, and the request fails like any exhaustion.
+            exhausted();
+            return nullptr;
+        }
         return region;
     }
     using HostAllocator::alloc;
@@ -347,10 +361,7 @@ public:
     }
     // A failure injected by a test: exactly what the host's exhaustion does.
     __attribute__((noinline)) static void* refuse() {
-        if (tInside)
-            tPendingOutOfMemory = true;
-        else
-            raiseOutOfMemory();
+        exhausted();
         return nullptr;
     }
     __attribute__((noinline)) static void raisePending() {
@@ -552,10 +563,7 @@ void* HostAllocator::alloc(unsigned long size) {
     void* p = size > 0xFFFFFFFFul ? nullptr : ZoIF_MemAllocMin(&amount);
     if (!p) {
         lastSize = 0;
-        if (tInside)
-            tPendingOutOfMemory = true;  // raised when the process allocator is left
-        else
-            raiseOutOfMemory();
+        exhausted();
         return nullptr;
     }
     lastSize = amount;
