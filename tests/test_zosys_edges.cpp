@@ -231,6 +231,18 @@ TEST_F(FaultEdges, AWriteFaultLeavesTheFileUntouchedAndTheNextWriteLands) {
     EXPECT_EQ(readFile(path), "kept");
 }
 
+TEST_F(FaultEdges, ARegionFaultRefusesTheRegionAndLeavesTheSizeAlone) {
+    unsigned long long before = ZoIF_TestMemCommitted();
+    ZoIF_TestFaultArm(ZOIF_FAULT_REGION, 1, 0);
+    unsigned int size = 3;
+    void* refused = ZoIF_MemAllocMin(&size);
+    ZoIF_TestFaultDisarm();
+    EXPECT_EQ(refused, nullptr);
+    EXPECT_EQ(size, 3u);
+    EXPECT_EQ(ZoIF_TestMemCommitted(), before);
+    EXPECT_EQ(ZoIF_TestFaultHits(), 1u);
+}
+
 // ---------------------------------------------------------------------------
 // Memory
 // ---------------------------------------------------------------------------
@@ -287,6 +299,48 @@ TEST(MemoryEdges, TheReservedRangeRunsOutAndThenRefusesWithoutTouchingTheSize) {
         &code);
     EXPECT_EQ(code, 0);
     EXPECT_EQ(report, "ran out");
+}
+
+// Runs the fresh-process probe with `arguments` under the environment assignments
+// `environment` (shell words) and returns what it printed on stdout and stderr.
+std::string probe(std::string const& environment, std::string const& arguments) {
+    std::string command = environment + " " ZOSYS_EDGES_PROBE " " + arguments + " 2>&1";
+    std::string out;
+    FILE* p = popen(command.c_str(), "r");
+    if (!p) return "popen failed";
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, p)) out += buf;
+    pclose(p);
+    return out;
+}
+
+TEST(MemoryEdges, EnvironmentLimitsWithALeadingZeroAreDecimal) {
+    EXPECT_EQ(probe("ZOSYS_MEM_LIMIT=03145728", "mem 8"), "regions=3 committed=3145728\n");
+    EXPECT_EQ(probe("ZOSYS_MEM_LIMIT=0002097152", "mem 8"), "regions=2 committed=2097152\n");
+}
+
+TEST(MemoryEdges, EnvironmentLimitsThatAreNoByteCountAreReportedAndIgnored) {
+    for (char const* text : {"-1048576", "x100000", "0x", "99999999999999999999999", "1048576 "}) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(probe(std::string("ZOSYS_MEM_LIMIT='") + text + "'", "mem 2"),
+                  std::string("zosys: ZOSYS_MEM_LIMIT=\"") + text +
+                      "\" is not a byte count (decimal or 0x hex); no limit\nregions=2 committed=2097152\n");
+    }
+}
+
+TEST(MemoryEdges, WithoutAnAddressRangeFromTheSystemNoMemoryIsServed) {
+    if (zotest::sanitizerOwnsOperatorNew()) GTEST_SKIP() << "the sanitizer's own mappings cannot live under an address-space limit";
+    EXPECT_EQ(probe("", "noreserve"), "init=ENOMEM again=ENOMEM region=none size=1\n");
+}
+
+TEST(HandleEdges, CreatesFailCleanlyWhenTheHeapIsUsedUp) {
+    if (zotest::sanitizerOwnsOperatorNew()) GTEST_SKIP() << "the sanitizer's own heap cannot live under an address-space limit";
+    EXPECT_EQ(probe("", "noheap"),
+              "no heap: mutex=0 section=0 event=0\n"
+              "destroy=0 then enter=EINVAL\n"
+              "no table: mutex=0 event=0\n"
+              "earlier handles working=1023\n"
+              "heap back: created and usable\n");
 }
 
 // Bytes of private writable memory the process maps now (VmData).
