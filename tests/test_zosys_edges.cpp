@@ -655,6 +655,17 @@ TEST_F(ConfigEdges, AUserDirectoryThatIsAFileCountsAsMissing) {
     EXPECT_EQ(v, 10);
 }
 
+TEST_F(ConfigEdges, AFileLineTheHeapCannotHoldCountsAsAbsent) {
+    if (zotest::sanitizerOwnsOperatorNew()) GTEST_SKIP() << "the sanitizer's own heap cannot live under an address-space limit";
+    std::string named = dir + "/kept.conf";
+    writeFile(named, "ZoEdge.Kept = kept\n");
+    EXPECT_EQ(probe("env -u HOME -u XDG_CONFIG_HOME ZOSYS_CONFIG='" + named + "' XDG_CONFIG_DIRS='" + dir + "/none'",
+                    "noheapkey"),
+              "no room for the list: ENOENT \"untouched\"\n"
+              "no room for the copy: ENOENT \"untouched\"\n"
+              "room for both: 0 \"kept\"\n");
+}
+
 // ---------------------------------------------------------------------------
 // Diagnostics: each distinct line once, on standard error, whatever it is
 // ---------------------------------------------------------------------------

@@ -6,6 +6,8 @@
 //   zosys_edges_probe mem N       commits up to N one-byte regions, prints the outcome
 //   zosys_edges_probe noreserve   first ZoIF_MemInit under an address-space limit
 //   zosys_edges_probe noheap      creates and destroys handles with the C heap used up
+//   zosys_edges_probe noheapkey   reads ZoEdge.Kept while the C heap gives the reader
+//                                 a little more room at each try
 //
 // After the limits are set nothing here may allocate: lines are formatted on the
 // stack and written with write(2).
@@ -14,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -179,12 +182,55 @@ int noHeap() {
     return 0;
 }
 
+const char* status(int rc) { return rc == 0 ? "0" : rc == ENOENT ? "ENOENT" : "other"; }
+
+int noHeapKey() {
+    rlimit old;
+    if (!capAddressSpace(&old)) return 3;
+    // The blocks a read asks of the C heap, in its order: a stream (472 bytes), the
+    // line (120), the stream's buffer (4096), the list of matching lines (64) and
+    // the value's copy (a few bytes). Blocks of each size are kept aside, more than
+    // the per-thread cache holds, so that none of that size is left anywhere.
+    Block* stream = take(472, nullptr, 8);
+    Block* line = take(120, nullptr, 8);
+    Block* buffer = take(4096, nullptr, 8);
+    Block* matches = take(64, nullptr, 8);
+    Block* copies = take(16, nullptr, 8);
+    Block* rest = nullptr;
+    for (unsigned long size = 1ul << 20; size >= 16; size >>= 1) rest = take(size, rest);
+    if (!stream || !line || !buffer || !matches || !copies) {
+        setrlimit(RLIMIT_AS, &old);
+        say("the heap was too small to start with\n");
+        return 4;
+    }
+    char value[16] = "untouched";
+
+    stream = giveBack(stream, 1);
+    line = giveBack(line, 1);
+    buffer = giveBack(buffer, 1);
+    int rc = ZoIF_GetConfigString("ZoEdge.Kept", value, sizeof value);
+    say("no room for the list: %s \"%s\"\n", status(rc), value);
+
+    matches = giveBack(matches, 1);
+    rc = ZoIF_GetConfigString("ZoEdge.Kept", value, sizeof value);
+    say("no room for the copy: %s \"%s\"\n", status(rc), value);
+
+    copies = giveBack(copies, 1);
+    rc = ZoIF_GetConfigString("ZoEdge.Kept", value, sizeof value);
+    say("room for both: %s \"%s\"\n", status(rc), value);
+
+    for (Block* list : {stream, line, buffer, matches, copies, rest}) giveBack(list, kAll);
+    setrlimit(RLIMIT_AS, &old);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc >= 3 && !std::strcmp(argv[1], "mem")) return mem(std::strtoul(argv[2], nullptr, 10));
     if (argc >= 2 && !std::strcmp(argv[1], "noreserve")) return noReserve();
     if (argc >= 2 && !std::strcmp(argv[1], "noheap")) return noHeap();
-    std::fprintf(stderr, "usage: zosys_edges_probe mem N | noreserve | noheap\n");
+    if (argc >= 2 && !std::strcmp(argv[1], "noheapkey")) return noHeapKey();
+    std::fprintf(stderr, "usage: zosys_edges_probe mem N | noreserve | noheap | noheapkey\n");
     return 2;
 }
