@@ -1,0 +1,44 @@
+// The installed library's locks and events, and its load-time reports about its
+// settings, seen from a program that links the installed form.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+// Runs the probe in an environment of its own (no settings from the caller's, no
+// configuration files) plus the assignments `environment` (shell words), and
+// returns what it wrote to standard error and standard output.
+std::string runProbe(std::string const& environment) {
+    std::string command = "env -i HOME=/nonexistent-zoutils-dir XDG_CONFIG_DIRS=/nonexistent-zoutils-dir " +
+                          environment + " " SYNC_PROBE " 2>&1";
+    std::string out;
+    FILE* p = popen(command.c_str(), "r");
+    if (!p) return "popen failed";
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, p)) out += buf;
+    pclose(p);
+    return out;
+}
+
+TEST(InstalledSync, CriticalSectionsAndCooperativeEventsBehaveAsInTheInternalBuild) {
+    EXPECT_EQ(runProbe(""),
+              "section: enter=0 again=0 exit=0 exit=0 extra-exit=EPERM locker-entered=yes\n"
+              "section after locker: exit=EPERM\n"
+              "coop event: first=1 second=0 set=0 wait=0 after=0\n");
+}
+
+TEST(InstalledSync, TheLibraryReportsUnusableSettingsAtLoadAndStillWorks) {
+    std::string named = "/nonexistent-zoutils-dir/named.conf";
+    EXPECT_EQ(runProbe("ZOSYS_CONFIG=" + named + " ZOUTILS_LOG_LEVEL=loud"),
+              "zosys: config: cannot read the file named by ZOSYS_CONFIG, " + named +
+                  ": No such file or directory\n"
+                  "zosys: config: environment variable ZOUTILS_LOG_LEVEL: value \"loud\" of ZoUtils.Log.Level is not a "
+                  "number (decimal or 0x hex, 32 bits); ignored\n"
+                  "section: enter=0 again=0 exit=0 exit=0 extra-exit=EPERM locker-entered=yes\n"
+                  "section after locker: exit=EPERM\n"
+                  "coop event: first=1 second=0 set=0 wait=0 after=0\n");
+}
+
+}  // namespace
