@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 namespace {
@@ -11,8 +12,10 @@ namespace {
 // configuration files) plus the assignments `environment` (shell words), and
 // returns what it wrote to standard error and standard output.
 std::string runProbe(std::string const& environment) {
-    std::string command = "env -i HOME=/nonexistent-zoutils-dir XDG_CONFIG_DIRS=/nonexistent-zoutils-dir " +
-                          environment + " " SYNC_PROBE " 2>&1";
+    std::string command = "env -i HOME=/nonexistent-zoutils-dir XDG_CONFIG_DIRS=/nonexistent-zoutils-dir ";
+    for (char const* pass : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "LD_LIBRARY_PATH"})
+        if (char const* v = std::getenv(pass)) command += std::string(pass) + "='" + v + "' ";
+    command += environment + " " SYNC_PROBE " 2>&1";
     std::string out;
     FILE* p = popen(command.c_str(), "r");
     if (!p) return "popen failed";
