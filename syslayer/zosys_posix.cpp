@@ -62,6 +62,11 @@ ZoIF_Handle registerObject(void* object) {
     if (!c) {
         c = static_cast<void**>(std::calloc(kChunkSize, sizeof(void*)));
         if (!c) {
+            // The index goes back where it came from, so a later create can use it.
+            if (index + 1 == t.next)
+                --t.next;
+            else
+                ++t.freeCount;  // still in its free-list slot
             pthread_mutex_unlock(&t.lock);
             return 0;
         }

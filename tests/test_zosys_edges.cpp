@@ -340,7 +340,7 @@ TEST(HandleEdges, CreatesFailCleanlyWhenTheHeapIsUsedUp) {
               "destroy=0 then enter=EINVAL\n"
               "no table: mutex=0 event=0\n"
               "earlier handles working=1023\n"
-              "heap back: created and usable\n");
+              "heap back: created and usable, next number\n");
 }
 
 // Bytes of private writable memory the process maps now (VmData).
