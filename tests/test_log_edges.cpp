@@ -6,13 +6,21 @@
 // invariant, read the verifier's message, and put the table back: the verifier
 // is quiet again and the hub is destroyed as usual.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <unistd.h>
 
+#include "child.h"
 #include "knobs.h"
 #include "log/hub_internal.h"
 #include "utils/log.h"
@@ -428,6 +436,72 @@ TEST_F(Exhaustion, ConfiguredSinkThatFindsNoMemoryLeavesTheDefaultSink) {
         EXPECT_GT(buildHubsUnderExhaustion<FileLogger>("file"), 0u);
     }
     unlink(path.c_str());
+}
+
+// --- the first theLog() of a process, from two threads ------------------------------
+
+// The scheduler state of thread `tid` of this process ('R', 'S', ...).
+char threadState(long tid) {
+    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string::size_type end = stat.rfind(')');
+    return end == std::string::npos || end + 2 >= stat.size() ? '?' : stat[end + 2];
+}
+
+// Waits until thread `tid` sleeps.
+void awaitSleep(std::atomic<long> const& tid) {
+    while (tid.load() == 0) std::this_thread::yield();
+    while (threadState(tid.load()) != 'S') std::this_thread::yield();
+}
+
+// The first thread builds the hub with a file sink on a FIFO, so it waits in the
+// open, inside the hub's construction, until a reader comes; the second thread
+// asks for the hub meanwhile and waits for the first. Both get the one hub built.
+TEST(LogProcessHub, SecondFirstCallWaitsForTheHubTheFirstOneBuilds) {
+    std::string fifo = ::testing::TempDir() + "zo-log-edges-fifo-" + std::to_string(getpid());
+    unlink(fifo.c_str());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    int pipefd[2];
+    ASSERT_EQ(pipe(pipefd), 0);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        close(pipefd[0]);
+        setenv("ZOUTILS_LOG_LOGGER", "file", 1);
+        setenv("ZOUTILS_LOG_FILENAME", fifo.c_str(), 1);
+        Log* old = Log::theLog_;
+        Log::theLog_ = nullptr;  // as before the process's first theLog()
+        std::atomic<long> firstTid{0}, secondTid{0};
+        Log* first = nullptr;
+        Log* second = nullptr;
+        std::thread a([&] {
+            firstTid.store(static_cast<long>(syscall(SYS_gettid)));
+            first = Log::theLog();
+        });
+        awaitSleep(firstTid);  // in the open of the FIFO
+        std::thread b([&] {
+            secondTid.store(static_cast<long>(syscall(SYS_gettid)));
+            second = Log::theLog();
+        });
+        awaitSleep(secondTid);  // on the lock the first one holds
+        int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);  // lets the first one's open finish
+        a.join();
+        b.join();
+        FileLogger* sink = first ? dynamic_cast<FileLogger*>(first->logger(MessageError)) : nullptr;
+        std::string report = std::string("reader=") + (reader >= 0 ? "1" : "0") + " same=" +
+                             (first && first == second ? "1" : "0") + " published=" +
+                             (Log::theLog_ == first ? "1" : "0") + " fresh=" + (first != old ? "1" : "0") +
+                             " file=" + (sink && sink->valid() ? "1" : "0") +
+                             " sound=" + (first && !detail::verifyHub(*first) ? "1" : "0") + "\n";
+        if (write(pipefd[1], report.data(), report.size()) < 0) zotest::exitChild(3);
+        zotest::exitChild(0);
+    }
+    close(pipefd[1]);
+    int status;
+    std::string report = zotest::collectChildReport(pipefd[0], pid, &status);
+    unlink(fifo.c_str());
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << report;
+    EXPECT_EQ(report, "reader=1 same=1 published=1 fresh=1 file=1 sound=1\n");
 }
 
 }  // namespace
