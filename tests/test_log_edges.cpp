@@ -448,10 +448,11 @@ char threadState(long tid) {
     return end == std::string::npos || end + 2 >= stat.size() ? '?' : stat[end + 2];
 }
 
-// Waits until thread `tid` sleeps.
+// Waits until thread `tid` sleeps (without /proc, only until it has started: the
+// results below hold either way, only the order of the two calls is then left open).
 void awaitSleep(std::atomic<long> const& tid) {
     while (tid.load() == 0) std::this_thread::yield();
-    while (threadState(tid.load()) != 'S') std::this_thread::yield();
+    for (char state; (state = threadState(tid.load())) != 'S' && state != '?';) std::this_thread::yield();
 }
 
 // The first thread builds the hub with a file sink on a FIFO, so it waits in the
