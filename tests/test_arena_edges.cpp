@@ -512,6 +512,10 @@ TEST(ArenaWalk, ValidIsFalseForABridgeAndTheWalkStepsOverIt) {
     ASSERT_NE(b.far, nullptr);
     ASSERT_NE(b.bridge, nullptr);
     EXPECT_FALSE(b.arena.valid(b.bridge));
+    // A bridge is busy for good, and size() checks only the busy bit: its size word
+    // (the gap with bits 0 and 1 set) less 9.
+    EXPECT_EQ(b.arena.size(b.bridge), (1ul << 16) + 16 - 6);
+    EXPECT_EQ(b.arena.color(b.bridge), 0u);
     void* after = b.arena.nextBlock(b.bridge);
     EXPECT_EQ(Probe::at(after), Probe::at(b.bridge) + (1ul << 16) + 16);
     EXPECT_EQ(after, b.far);

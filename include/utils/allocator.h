@@ -191,7 +191,9 @@ public:
     // detected.
     void free(void* p) override;
     // Block size less 8 (24 for a 32-byte small block, 56 for a 64-byte one); 0 for
-    // null or a block that is outside the arena or not allocated.
+    // null or a block that is outside the arena or not allocated. Only the busy bit
+    // is checked: the block address of a bridge between two regions (busy for good)
+    // gives the gap's length less 6, its size word read like any other.
     unsigned long size(void* p) const override;
     unsigned long allocatedMemory() const override;
     unsigned long internalFree() const override;
