@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "address_cap.h"
 #include "child.h"
 #include "utils/allocator.h"
 #include "utils/result.h"
@@ -166,21 +167,6 @@ TEST(ProcessAllocatorEdges, VerifyNamesTheFaultOfADamagedArena) {
 
 // --- the C library refusing --------------------------------------------------------
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define SKIP_UNDER_SANITIZER_RESERVATIONS() GTEST_SKIP() << "the sanitizer's allocator and reservations defeat an address-space cap"
-#else
-#define SKIP_UNDER_SANITIZER_RESERVATIONS() (void)0
-#endif
-
-unsigned long mappedBytes() {
-    char buffer[128] = {};
-    int fd = open("/proc/self/statm", O_RDONLY);
-    if (fd < 0) return 0;
-    ssize_t n = read(fd, buffer, sizeof buffer - 1);
-    close(fd);
-    if (n <= 0) return 0;
-    return std::strtoul(buffer, nullptr, 10) * static_cast<unsigned long>(sysconf(_SC_PAGESIZE));
-}
 
 TEST(SimpleAllocatorEdges, AMallocFailureReturnsNullAndCountsNothing) {
     SKIP_UNDER_SANITIZER_RESERVATIONS();
@@ -191,7 +177,7 @@ TEST(SimpleAllocatorEdges, AMallocFailureReturnsNullAndCountsNothing) {
         unsigned long total = simple.allocatedMemory(), one = simple.allocatedColorMemory(1);
         struct rlimit was;
         getrlimit(RLIMIT_AS, &was);
-        struct rlimit cap = {mappedBytes(), was.rlim_max};
+        struct rlimit cap = {zotest::mappedBytes(), was.rlim_max};
         if (cap.rlim_cur == 0 || setrlimit(RLIMIT_AS, &cap) != 0) return 2;
         void* p = simple.alloc(SimpleAllocator::kMaxRequest, static_cast<char>(1));
         setrlimit(RLIMIT_AS, &was);
@@ -237,7 +223,7 @@ int firstShardUnderCap() {
     });
     struct rlimit was;
     getrlimit(RLIMIT_AS, &was);
-    struct rlimit cap = {mappedBytes(), was.rlim_max};
+    struct rlimit cap = {zotest::mappedBytes(), was.rlim_max};
     if (cap.rlim_cur == 0 || setrlimit(RLIMIT_AS, &cap) != 0) return 4;
     step = 1;
     while (step.load() != 2) std::this_thread::yield();

@@ -20,6 +20,7 @@
 #include <functional>
 #include <string>
 
+#include "address_cap.h"
 #include "child.h"
 #include "region_source.h"
 #include "utils/allocator.h"
@@ -704,22 +705,6 @@ TEST(ArenaCensus, StopsAtAZeroSizeAndSkipsACarrierWithoutASmallSize) {
 
 // Run in a child whose address space is capped at what it already uses: the
 // verifier needs pages of its own and, finding none, says so instead of failing.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define SKIP_UNDER_SANITIZER_RESERVATIONS() GTEST_SKIP() << "the sanitizer's reservations defeat an address-space cap"
-#else
-#define SKIP_UNDER_SANITIZER_RESERVATIONS() (void)0
-#endif
-
-unsigned long mappedBytes() {
-    char buffer[128] = {};
-    int fd = open("/proc/self/statm", O_RDONLY);
-    if (fd < 0) return 0;
-    ssize_t n = read(fd, buffer, sizeof buffer - 1);
-    close(fd);
-    if (n <= 0) return 0;
-    return std::strtoul(buffer, nullptr, 10) * static_cast<unsigned long>(sysconf(_SC_PAGESIZE));
-}
-
 // Caps the child's address space `slack` bytes above its current size, runs
 // verify and exits 0 when it named `fault`.
 int verifyUnderCap(Layout& l, unsigned long slack, char const* fault) {
@@ -727,7 +712,7 @@ int verifyUnderCap(Layout& l, unsigned long slack, char const* fault) {
     if (pid == 0) {
         struct rlimit was;
         getrlimit(RLIMIT_AS, &was);
-        unsigned long now = mappedBytes();
+        unsigned long now = zotest::mappedBytes();
         struct rlimit cap = {now + slack, was.rlim_max};
         if (now == 0 || setrlimit(RLIMIT_AS, &cap) != 0) zotest::exitChild(2);
         char const* found = l.arena.verify();

@@ -18,6 +18,7 @@
 #include <map>
 #include <mutex>
 #include <sstream>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,8 +26,10 @@
 #include <gtest/gtest.h>
 
 #include "child.h"
+#include "files.h"
 
 #include "knobs.h"
+#include "quiet_log.h"
 #include "log/hub_internal.h"
 #include "utils/log.h"
 #include "utils/result.h"
@@ -36,17 +39,8 @@ using namespace Utils;
 
 namespace {
 
-// Hubs made by the tests read the configuration of this process: keep it empty.
-struct QuietConfiguration {
-    QuietConfiguration() {
-        for (char const* key : {"ZOUTILS_LOG_LEVEL", "ZOUTILS_LOG_VERBOSITY", "ZOUTILS_LOG_ENABLED",
-                                "ZOUTILS_LOG_CATEGORIES", "ZOUTILS_LOG_LOGGER", "ZOUTILS_LOG_FILENAME",
-                                "ZOUTILS_LOG_FILEOPENMODE", "ZOSYS_CONFIG"})
-            unsetenv(key);
-        setenv("XDG_CONFIG_HOME", "/nonexistent-zoutils-test", 1);
-        setenv("XDG_CONFIG_DIRS", "/nonexistent-zoutils-test", 1);
-    }
-} gQuietConfiguration;
+using zotest::readFile;
+using zotest::writeFile;
 
 // A sink that keeps every expanded line with its class.
 struct Capture : Logger {
@@ -117,18 +111,6 @@ int callPrint(Logger& l, MessageClass c, char const* fmt, ...) {
     int r = l.print(c, fmt, args);
     va_end(args);
     return r;
-}
-
-std::string readFile(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void writeFile(std::string const& path, std::string const& text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
 }
 
 std::string tempPath(char const* name) {
@@ -766,44 +748,37 @@ std::string privateDevLog() {
     return "";
 }
 
-}  // namespace
+// One datagram from the socket, or a FAIL line once its time-out has passed.
+std::string receive(int sock) {
+    char datagram[1024];
+    ssize_t n = recv(sock, datagram, sizeof datagram - 1, 0);
+    return n > 0 ? std::string(datagram, static_cast<size_t>(n)) : std::string("FAIL nothing received");
+}
 
-TEST(LogSinks, SystemSinkReachesARealSyslogSocket) {
+// Runs `body` in a child that has a socket of its own bound at /dev/log (5 s
+// receive time-out) and returns what `body` returned there: "SKIP <reason>" when
+// the child cannot have such a socket, "FAIL <what>" when the child failed. The
+// child's pid goes to *child.
+std::string inChildWithSyslogSocket(std::function<std::string(int sock)> const& body, pid_t* child) {
     int pipefd[2];
-    ASSERT_EQ(pipe(pipefd), 0);
+    if (pipe(pipefd) != 0) return "FAIL pipe";
     pid_t pid = fork();
-    ASSERT_GE(pid, 0);
+    if (pid < 0) return "FAIL fork";
     if (pid == 0) {
         close(pipefd[0]);
-        std::string problem = privateDevLog();
-        if (!problem.empty()) {
-            writeAll(pipefd[1], problem);
-            zotest::exitChild(0);
-        }
-        int sock = socket(AF_UNIX, SOCK_DGRAM, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        strcpy(addr.sun_path, "/dev/log");
-        if (sock < 0 || bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-            writeAll(pipefd[1], std::string("SKIP cannot bind /dev/log: ") + strerror(errno));
-            zotest::exitChild(0);
-        }
-        timeval tv{5, 0};
-        setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        std::string got;
-        {
-            Log log;
-            log.setLogger(new SystemLogger(nullptr));
-            log.print(MessageWarning, "net", -2, "f", 1, "hello %d", 42);
-            char datagram[1024];
-            ssize_t n = recv(sock, datagram, sizeof datagram - 1, 0);
-            got = n > 0 ? std::string(datagram, static_cast<size_t>(n)) : std::string("FAIL nothing received");
-            log.setLogger(new SystemLogger("zo_custom"));
-            log.print(MessageDebug, "net", -1, "f", 1, "ignored");  // filtered: disabled category
-            log.print(MessageError, "net", -3, "f", 1, "second");
-            n = recv(sock, datagram, sizeof datagram - 1, 0);
-            got += "\n";
-            got += n > 0 ? std::string(datagram, static_cast<size_t>(n)) : std::string("FAIL nothing received");
+        std::string got = privateDevLog();
+        if (got.empty()) {
+            int sock = socket(AF_UNIX, SOCK_DGRAM, 0);
+            sockaddr_un addr{};
+            addr.sun_family = AF_UNIX;
+            strcpy(addr.sun_path, "/dev/log");
+            if (sock < 0 || bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+                got = std::string("SKIP cannot bind /dev/log: ") + strerror(errno);
+            } else {
+                timeval tv{5, 0};
+                setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+                got = body(sock);
+            }
         }
         writeAll(pipefd[1], got);
         zotest::exitChild(0);
@@ -811,8 +786,29 @@ TEST(LogSinks, SystemSinkReachesARealSyslogSocket) {
     close(pipefd[1]);
     int status;
     std::string report = zotest::collectChildReport(pipefd[0], pid, &status);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return "FAIL child ended with status " + std::to_string(status);
+    *child = pid;
+    return report;
+}
+
+}  // namespace
+
+TEST(LogSinks, SystemSinkReachesARealSyslogSocket) {
+    pid_t pid = 0;
+    std::string report = inChildWithSyslogSocket(
+        [](int sock) {
+            Log log;
+            log.setLogger(new SystemLogger(nullptr));
+            log.print(MessageWarning, "net", -2, "f", 1, "hello %d", 42);
+            std::string got = receive(sock);
+            log.setLogger(new SystemLogger("zo_custom"));
+            log.print(MessageDebug, "net", -1, "f", 1, "ignored");  // filtered: disabled category
+            log.print(MessageError, "net", -3, "f", 1, "second");
+            return got + "\n" + receive(sock);
+        },
+        &pid);
     if (report.rfind("SKIP ", 0) == 0) GTEST_SKIP() << report.substr(5);
+    ASSERT_NE(report.rfind("FAIL ", 0), 0u) << report;
     std::string pid_s = std::to_string(pid);
     // <priority>timestamp ident[pid]: message; LOG_USER is 8, LOG_WARNING 4, LOG_ERR 3.
     size_t newline = report.find('\n');
@@ -1409,46 +1405,20 @@ TEST(LogSinks, FileSinkLineThatCannotBeFormattedBecomesAnEmptyLine) {
 }
 
 TEST(LogSinks, SystemSinkGivesEachClassItsPriority) {
-    int pipefd[2];
-    ASSERT_EQ(pipe(pipefd), 0);
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        close(pipefd[0]);
-        std::string problem = privateDevLog();
-        if (!problem.empty()) {
-            writeAll(pipefd[1], problem);
-            zotest::exitChild(0);
-        }
-        int sock = socket(AF_UNIX, SOCK_DGRAM, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        strcpy(addr.sun_path, "/dev/log");
-        if (sock < 0 || bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-            writeAll(pipefd[1], std::string("SKIP cannot bind /dev/log: ") + strerror(errno));
-            zotest::exitChild(0);
-        }
-        timeval tv{5, 0};
-        setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        std::string got;
-        {
+    pid_t pid = 0;
+    std::string report = inChildWithSyslogSocket(
+        [](int sock) {
             SystemLogger sink(nullptr);
-            char datagram[1024];
+            std::string got;
             for (MessageClass c : {MessageError, MessageWarning, MessageInfo, MessageDebug}) {
                 callPrint(sink, c, "class %d", static_cast<int>(c));
-                ssize_t n = recv(sock, datagram, sizeof datagram - 1, 0);
-                got += n > 0 ? std::string(datagram, static_cast<size_t>(n)) : std::string("FAIL nothing received");
-                got += "\n";
+                got += receive(sock) + "\n";
             }
-        }
-        writeAll(pipefd[1], got);
-        zotest::exitChild(0);
-    }
-    close(pipefd[1]);
-    int status;
-    std::string report = zotest::collectChildReport(pipefd[0], pid, &status);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+            return got;
+        },
+        &pid);
     if (report.rfind("SKIP ", 0) == 0) GTEST_SKIP() << report.substr(5);
+    ASSERT_NE(report.rfind("FAIL ", 0), 0u) << report;
     std::vector<std::string> lines;
     std::istringstream in(report);
     for (std::string line; std::getline(in, line);) lines.push_back(line);

@@ -22,6 +22,7 @@
 
 #include "child.h"
 #include "knobs.h"
+#include "quiet_log.h"
 #include "log/hub_internal.h"
 #include "utils/log.h"
 #include "utils/result.h"
@@ -30,18 +31,6 @@
 using namespace Utils;
 
 namespace {
-
-// Hubs made here read the configuration of this process: keep it empty.
-struct QuietConfiguration {
-    QuietConfiguration() {
-        for (char const* key : {"ZOUTILS_LOG_LEVEL", "ZOUTILS_LOG_VERBOSITY", "ZOUTILS_LOG_ENABLED",
-                                "ZOUTILS_LOG_CATEGORIES", "ZOUTILS_LOG_LOGGER", "ZOUTILS_LOG_FILENAME",
-                                "ZOUTILS_LOG_FILEOPENMODE", "ZOSYS_CONFIG"})
-            unsetenv(key);
-        setenv("XDG_CONFIG_HOME", "/nonexistent-zoutils-test", 1);
-        setenv("XDG_CONFIG_DIRS", "/nonexistent-zoutils-test", 1);
-    }
-} gQuietConfiguration;
 
 // --- reaching private members ------------------------------------------------
 
@@ -83,8 +72,7 @@ struct IndexNames {
     static inline type member;
 };
 
-}  // namespace
-
+// Explicit instantiations stand in the template's own (unnamed) namespace.
 template struct Reach<HubIndex, &Log::index>;
 template struct Reach<HubCategories, &Log::categories>;
 template struct Reach<HubClasses, &Log::classes>;
@@ -92,8 +80,6 @@ template struct Reach<IndexSegments, &detail::LogIndex::segments_>;
 template struct Reach<IndexCount, &detail::LogIndex::count_>;
 template struct Reach<IndexSinks, &detail::LogIndex::sinks_>;
 template struct Reach<IndexNames, &detail::LogIndex::names_>;
-
-namespace {
 
 detail::LogIndex& indexOf(Log& log) { return log.*HubIndex::member; }
 Vector<LogCat*>& categoriesOf(Log& log) { return log.*HubCategories::member; }

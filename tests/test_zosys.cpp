@@ -23,8 +23,13 @@
 
 #include "zosys.h"
 #include "child.h"
+#include "files.h"
 
 namespace {
+
+using zotest::readFile;
+using zotest::writeFile;
+using zotest::makeTempDir;
 
 constexpr unsigned long kGranule = 1ul << 20;
 
@@ -39,24 +44,6 @@ std::string run(std::string const& command) {
     while (std::fgets(buf, sizeof buf, p)) out += buf;
     pclose(p);
     return out;
-}
-
-std::string readFile(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void writeFile(std::string const& path, std::string const& text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
-
-std::string makeTempDir() {
-    char templ[] = "/tmp/zosys_test_XXXXXX";
-    char* dir = mkdtemp(templ);
-    return dir ? dir : "";
 }
 
 // ---------------------------------------------------------------------------
@@ -640,7 +627,7 @@ TEST(Memory, MalformedEnvironmentLimitIsReportedAndIgnored) {
 
 class Files : public ::testing::Test {
 protected:
-    void SetUp() override { dir = makeTempDir(); }
+    void SetUp() override { dir = makeTempDir("zosys_test"); }
     void TearDown() override { run("rm -rf '" + dir + "'"); }
     std::string path(char const* name) const { return dir + "/" + name; }
     static void put(int fd, char const* text) {
@@ -747,7 +734,7 @@ TEST_F(Files, NoFileRefusesEveryOperation) {
 class Config : public ::testing::Test {
 protected:
     void SetUp() override {
-        dir = makeTempDir();
+        dir = makeTempDir("zosys_test");
         ASSERT_FALSE(dir.empty());
         run("mkdir -p '" + dir + "/sys1/zoutils' '" + dir + "/sys2/zoutils' '" + dir + "/home/zoutils'");
         setenv("XDG_CONFIG_DIRS", (dir + "/sys1:" + dir + "/sys2").c_str(), 1);

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "child.h"
+#include "files.h"
 #include "eventually.h"
 #include "knobs.h"
 #include "zosys.h"
@@ -33,25 +34,11 @@
 
 namespace {
 
+using zotest::readFile;
+using zotest::writeFile;
+using zotest::makeTempDir;
+
 constexpr unsigned long kGranule = 1ul << 20;
-
-std::string readFile(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void writeFile(std::string const& path, std::string const& text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
-
-std::string makeTempDir() {
-    char templ[] = "/tmp/zosys_edges_XXXXXX";
-    char* dir = mkdtemp(templ);
-    return dir ? dir : "";
-}
 
 void removeTree(std::string const& dir) {
     if (!dir.empty()) std::system(("rm -rf '" + dir + "'").c_str());
@@ -186,7 +173,7 @@ TEST(HandleEdges, DestroyingAHeldLockReportsBusyAndStillDestroysIt) {
 
 class FaultEdges : public ::testing::Test {
 protected:
-    void SetUp() override { dir = makeTempDir(); }
+    void SetUp() override { dir = makeTempDir("zosys_edges"); }
     void TearDown() override {
         ZoIF_TestFaultDisarm();
         removeTree(dir);
@@ -385,7 +372,7 @@ TEST(MemoryEdges, ARegionTheSystemWillNotMakeWritableIsRefused) {
 
 class FileEdges : public ::testing::Test {
 protected:
-    void SetUp() override { dir = makeTempDir(); }
+    void SetUp() override { dir = makeTempDir("zosys_edges"); }
     void TearDown() override { removeTree(dir); }
     std::string dir;
 };
@@ -484,7 +471,7 @@ TEST_F(FileEdges, AnInterruptedWriteIsRetriedAndArrivesWhole) {
 class ConfigEdges : public ::testing::Test {
 protected:
     void SetUp() override {
-        dir = makeTempDir();
+        dir = makeTempDir("zosys_edges");
         ASSERT_FALSE(dir.empty());
         std::system(("mkdir -p '" + dir + "/sys1/zoutils' '" + dir + "/sys2/zoutils' '" + dir + "/home/zoutils'").c_str());
         char const* home = std::getenv("HOME");
