@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "knobs.h"
+#include "log_capture.h"
 #include "memory/pagealloc_internal.h"
 #include "utils/allocator.h"
 #include "utils/log.h"
@@ -118,41 +119,7 @@ private:
     std::map<char*, unsigned long> blocks;
 };
 
-// A sink that keeps every line it is handed.
-class CaptureSink : public Utils::Logger {
-public:
-    int print(Utils::MessageClass c, char const* format, va_list args) override ZO_PRINTF(3, 0) {
-        char line[600];
-        std::vsnprintf(line, sizeof line, format, args);
-        lines.push_back({c, line});
-        return 0;
-    }
-    std::vector<std::pair<Utils::MessageClass, std::string>> lines;
-};
-
-// Installs a CaptureSink for all four classes with the source position in the
-// header; puts the previous sinks and verbosity back when it ends.
-class Capture {
-public:
-    Capture() {
-        Utils::Log* log = Utils::Log::theLog();
-        for (int c = 0; c < 4; ++c) previous[c] = log->logger(static_cast<Utils::MessageClass>(c));
-        verbosity = log->verbosity(Utils::allocLogger);
-        sink = new CaptureSink;
-        log->setLogger(sink);
-        log->setVerbosity(1);
-    }
-    ~Capture() {
-        Utils::Log* log = Utils::Log::theLog();
-        log->setVerbosity(verbosity);
-        for (int c = 0; c < 4; ++c) log->setLogger(static_cast<Utils::MessageClass>(c), previous[c].get());
-    }
-    CaptureSink* sink;
-
-private:
-    Utils::CountedRef<Utils::Logger> previous[4];
-    unsigned int verbosity;
-};
+using Capture = zotest::LogCapture;
 
 Capture* capture = nullptr;
 

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "log_capture.h"
 #include "memory/pagealloc_internal.h"
 #include "region_source.h"
 #include "utils/allocator.h"
@@ -67,49 +68,24 @@ auto& field(BSDAllocator& a, Tag tag) {
 
 // --- the allocator's messages ------------------------------------------------
 
-class CaptureSink : public Utils::Logger {
-public:
-    int print(Utils::MessageClass, char const* format, va_list args) override ZO_PRINTF(3, 0) {
-        char line[600];
-        std::vsnprintf(line, sizeof line, format, args);
-        lines.push_back(line);
-        return 0;
-    }
-    std::vector<std::string> lines;
-};
-
 // Keeps the allocator's lines (text after the header) while it lives.
 class Capture {
 public:
-    Capture() {
-        Utils::Log* log = Utils::Log::theLog();
-        for (int c = 0; c < 4; ++c) previous[c] = log->logger(static_cast<Utils::MessageClass>(c));
-        verbosity = log->verbosity(Utils::allocLogger);
-        sink = new CaptureSink;
-        log->setLogger(sink);
-        log->setVerbosity(1);
-    }
-    ~Capture() {
-        Utils::Log* log = Utils::Log::theLog();
-        log->setVerbosity(verbosity);
-        for (int c = 0; c < 4; ++c) log->setLogger(static_cast<Utils::MessageClass>(c), previous[c].get());
-    }
     // The texts of the page allocator's lines since the last call.
     std::vector<std::string> take() {
         std::vector<std::string> out;
-        for (std::string const& line : sink->lines) {
+        for (auto const& entry : log.sink->lines) {
+            std::string const& line = entry.second;
             if (line.find("|allocator|bsdalloc:") == std::string::npos) continue;
             std::size_t bar = line.find('|', line.find("bsdalloc:"));
             out.push_back(line.substr(bar + 1));
         }
-        sink->lines.clear();
+        log.sink->lines.clear();
         return out;
     }
 
 private:
-    CaptureSink* sink;
-    Utils::CountedRef<Utils::Logger> previous[4];
-    unsigned int verbosity;
+    zotest::LogCapture log;
 };
 
 class PageEdges : public ::testing::Test {
