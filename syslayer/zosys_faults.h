@@ -12,7 +12,7 @@
  *                       theAllocator(). It fails as real exhaustion does: null, and
  *                       0x80000002 raised once the allocator is left (not while the
  *                       thread is inside the allocator's or the hub's own work)
- *   ZOIF_FAULT_ARENA    one allocation of any arena (MemoryAllocator::_alloc): null,
+ *   ZOIF_FAULT_ARENA    one allocation of any arena (MemoryAllocator::alloc): null,
  *                       nothing raised, as a private arena whose parent is empty.
  *                       The process allocator's arenas are arenas too: arm ARENA or
  *                       PROCESS, not both, or one allocation counts twice

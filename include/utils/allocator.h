@@ -309,6 +309,7 @@ private:
     void unlist(detail::FreeHeapNode* n);
     void unlinkFree(MemHead* h);
     void keepAsSpare(MemHead* h);
+    ZO_INTERNAL void absorbNext(MemHead* h);
     MemHead* takeBestFit(unsigned long need);
     unsigned long bridgeStep(MemHead* h) const;
     char const* verifyIndex(unsigned long freeExact, unsigned long freeLarge) const;

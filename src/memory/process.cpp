@@ -334,8 +334,18 @@ public:
     // The global operators' paths: the lone thread's steps inline, the rest out of
     // line so that the common path keeps a small frame.
     void* allocate(unsigned long size, unsigned int c) {
-        if (__builtin_expect(ZoIF_Faulty(ZOIF_FAULT_PROCESS), 0)) return refuse();
+        if (__builtin_expect(__atomic_load_n(&ZoIF_TestFaultSites_, __ATOMIC_RELAXED) != 0, 0))
+            return allocateArmed(size, c);
         if (__builtin_expect(!alone(), 0)) return allocateShared(size, c);
+        return allocateAlone(size, c);
+    }
+    // While a test arms the injection table: a process failure is exhaustion, an
+    // arena failure the arena's own null (the shared path's arena asks for it in
+    // MemoryAllocator::alloc).
+    __attribute__((noinline)) void* allocateArmed(unsigned long size, unsigned int c) {
+        if (ZoIF_Faulty(ZOIF_FAULT_PROCESS)) return refuse();
+        if (!alone()) return allocateShared(size, c);
+        if (ZoIF_Faulty(ZOIF_FAULT_ARENA)) return nullptr;
         return allocateAlone(size, c);
     }
     void* allocateAlone(unsigned long size, unsigned int c) {
