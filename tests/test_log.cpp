@@ -1431,23 +1431,7 @@ TEST(LogSinks, SystemSinkGivesEachClassItsPriority) {
     }
 }
 
-namespace {
-
-// Sets configuration variables of this process for one hub's construction and
-// takes them away again, so that later hubs see the quiet configuration.
-struct ConfigurationFor {
-    ConfigurationFor(std::initializer_list<std::pair<char const*, std::string>> vars) : set(vars) {
-        for (auto const& v : set) setenv(v.first, v.second.c_str(), 1);
-    }
-    ~ConfigurationFor() {
-        for (auto const& v : set) unsetenv(v.first);
-    }
-    ConfigurationFor(ConfigurationFor const&) = delete;
-    ConfigurationFor& operator=(ConfigurationFor const&) = delete;
-    std::vector<std::pair<char const*, std::string>> set;
-};
-
-}  // namespace
+using zotest::ConfigurationFor;
 
 TEST(LogConfig, HubBuiltHereReadsLevelVerbosityEnabledAndCategories) {
     ConfigurationFor config{{"ZOUTILS_LOG_LEVEL", "4"},

@@ -362,18 +362,7 @@ TEST_F(Exhaustion, CategoryListWithoutMemoryForItsCopyChangesNothing) {
     EXPECT_EQ(detail::verifyHub(log), nullptr);
 }
 
-// Sets configuration variables for the hubs built in its scope.
-struct ConfigurationFor {
-    ConfigurationFor(std::initializer_list<std::pair<char const*, std::string>> vars) : set(vars) {
-        for (auto const& v : set) setenv(v.first, v.second.c_str(), 1);
-    }
-    ~ConfigurationFor() {
-        for (auto const& v : set) unsetenv(v.first);
-    }
-    ConfigurationFor(ConfigurationFor const&) = delete;
-    ConfigurationFor& operator=(ConfigurationFor const&) = delete;
-    std::vector<std::pair<char const*, std::string>> set;
-};
+using zotest::ConfigurationFor;
 
 // Builds hubs with the N-th allocation failing, N = 1, 2, ... until a build
 // reaches no N-th allocation. Every hub is sound and its four classes share one

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "child.h"
 #include "knobs.h"
 
 namespace {
@@ -40,14 +41,7 @@ std::string memcheck(std::string const& which) {
     std::string command = findValgrind() +
                           " --tool=memcheck --leak-check=full --num-callers=30 --error-exitcode=0 " MEMORY_PROBE " " +
                           which + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe) return "popen failed";
-    std::string out;
-    char buffer[4096];
-    std::size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
-    pclose(pipe);
-    return out;
+    return zotest::runCommand(command);
 }
 
 // True when some report that starts with `kind` names `function` before the

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "child.h"
+
 namespace {
 
 // Runs the probe in an environment of its own (no settings from the caller's, no
@@ -16,13 +18,7 @@ std::string runProbe(std::string const& environment) {
     for (char const* pass : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "LD_LIBRARY_PATH"})
         if (char const* v = std::getenv(pass)) command += std::string(pass) + "='" + v + "' ";
     command += environment + " " SYNC_PROBE " 2>&1";
-    std::string out;
-    FILE* p = popen(command.c_str(), "r");
-    if (!p) return "popen failed";
-    char buf[512];
-    while (std::fgets(buf, sizeof buf, p)) out += buf;
-    pclose(p);
-    return out;
+    return zotest::runCommand(command);
 }
 
 TEST(InstalledSync, CriticalSectionsAndCooperativeEventsBehaveAsInTheInternalBuild) {

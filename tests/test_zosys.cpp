@@ -36,15 +36,7 @@ constexpr unsigned long kGranule = 1ul << 20;
 void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 // Runs a shell command and returns what it printed on stdout and stderr.
-std::string run(std::string const& command) {
-    std::string out;
-    FILE* p = popen((command + " 2>&1").c_str(), "r");
-    if (!p) return "popen failed";
-    char buf[512];
-    while (std::fgets(buf, sizeof buf, p)) out += buf;
-    pclose(p);
-    return out;
-}
+std::string run(std::string const& command) { return zotest::runCommand(command + " 2>&1"); }
 
 // ---------------------------------------------------------------------------
 // Tasks

@@ -291,14 +291,7 @@ TEST(MemoryEdges, TheReservedRangeRunsOutAndThenRefusesWithoutTouchingTheSize) {
 // Runs the fresh-process probe with `arguments` under the environment assignments
 // `environment` (shell words) and returns what it printed on stdout and stderr.
 std::string probe(std::string const& environment, std::string const& arguments) {
-    std::string command = environment + " " ZOSYS_EDGES_PROBE " " + arguments + " 2>&1";
-    std::string out;
-    FILE* p = popen(command.c_str(), "r");
-    if (!p) return "popen failed";
-    char buf[512];
-    while (std::fgets(buf, sizeof buf, p)) out += buf;
-    pclose(p);
-    return out;
+    return zotest::runCommand(environment + " " ZOSYS_EDGES_PROBE " " + arguments + " 2>&1");
 }
 
 TEST(MemoryEdges, EnvironmentLimitsWithALeadingZeroAreDecimal) {

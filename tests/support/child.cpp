@@ -3,6 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
+
 namespace zotest {
 
 std::string collectChildReport(int fd, pid_t pid, int* status) {
@@ -14,6 +16,17 @@ std::string collectChildReport(int fd, pid_t pid, int* status) {
     *status = 0;
     waitpid(pid, status, 0);
     return report;
+}
+
+std::string runCommand(std::string const& command) {
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) return "popen failed";
+    std::string out;
+    char buffer[4096];
+    std::size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
+    pclose(pipe);
+    return out;
 }
 
 #ifdef ZOUTILS_COVERAGE
